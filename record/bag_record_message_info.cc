@@ -1,0 +1,41 @@
+// The statistics history of BagRecord.
+
+#include <cstdint>
+
+#include "record/bag_record.h"
+
+namespace kelo {
+
+namespace {
+
+// A span this short cannot give a rate: one record, or records of one millisecond.
+constexpr double kMinSpan = 0.00001;
+
+}  // namespace
+
+BagRecord::MessageInfoQueue::MessageInfoQueue() : total_bytes_(0), history_bytes_(0), time_span_(0.0) {}
+
+void BagRecord::MessageInfoQueue::append(const MessageInfo& info) {
+  total_bytes_ += info.bytes;
+  history_bytes_ += info.bytes;
+  infos_.push_back(info);
+  while (infos_.size() > kHistory) {
+    history_bytes_ -= infos_.front().bytes;
+    infos_.pop_front();
+  }
+  time_span_ = infos_.back().time - infos_.front().time;
+}
+
+double BagRecord::MessageInfoQueue::freq() const {
+  if (infos_.empty() || kMinSpan >= time_span_) return 0.0;
+  // N records spanning T seconds are N − 1 intervals.
+  return static_cast<double>(static_cast<int32_t>(infos_.size() - 1)) / time_span_;
+}
+
+double BagRecord::MessageInfoQueue::pre_bytes() const {
+  if (infos_.empty() || kMinSpan >= time_span_) return 0.0;
+  // The oldest record's bytes arrived at the start of the span, not within it.
+  return static_cast<double>(static_cast<int64_t>(history_bytes_ - infos_.front().bytes)) / time_span_;
+}
+
+}  // namespace kelo
