@@ -1,0 +1,500 @@
+#include "platform/bag/bag_file_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "platform/bag/mcap_crc32.h"
+#include "platform/bag/mcap_summary.h"
+
+#ifndef KELO_BAG_AA_VERSION
+#define KELO_BAG_AA_VERSION "unknown"
+#endif
+
+namespace kelo {
+
+namespace {
+
+constexpr size_t kIds = 65536;
+// Chunks smaller than this gain little from compression and cost a codec call each.
+constexpr size_t kMinCompressedChunk = 1024;
+// After a chunk that did not shrink by 2%, this many chunks are stored as they are before
+// compression is tried again: recorded data that is already compressed (images, video)
+// would otherwise pay for the codec on every chunk.
+constexpr int kChunksWithoutGain = 16;
+// Chunk buffers kept for reuse: fresh megabyte buffers cost the caller page faults on every
+// chunk, which at full speed is as much as copying the messages in.
+constexpr size_t kSpareBuffers = 2;
+
+std::string ErrnoText(int err) {
+  char buf[256];
+  return std::string(strerror_r(err, buf, sizeof(buf)));
+}
+
+}  // namespace
+
+const char BagFileWriter::kMessageEncoding[] = "kelo";
+
+BagFileWriter::BagFileWriter(const BagFileName& name, const BagWriterOptions& options,
+                             BagErrorLog* log)
+    : name_(name),
+      options_(options),
+      log_(log),
+      max_queued_bytes_(std::max<size_t>(size_t{32} << 20, 4 * options.chunk_size)),
+      compressor_(options.compression, options.zstd_level),
+      slot_of_channel_(kIds, -1) {
+  OpenFile();
+  thread_ = std::thread(&BagFileWriter::Run, this);
+}
+
+BagFileWriter::~BagFileWriter() { Complete(); }
+
+std::string BagFileWriter::active_path() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return active_name_;
+}
+
+uint64_t BagFileWriter::messages_lost() const { return lost_.load(); }
+
+void BagFileWriter::AddChannel(const BagChannel& channel) {
+  std::lock_guard<std::mutex> lock(mu_);
+  channels_.emplace(channel.id, channel);
+}
+
+void BagFileWriter::AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
+                               uint64_t publish_time, const char* data, size_t size) {
+  std::lock_guard<std::mutex> chunk_lock(chunk_mu_);
+  if (closed_) {
+    lost_.fetch_add(1);
+    return;
+  }
+  const size_t record = mcap::kPrefixSize + mcap::kMessageHeaderSize + size;
+  if (open_.messages > 0 && open_.records.size() + record > options_.chunk_size) {
+    CloseChunk(false);
+    WaitForSpace();
+  }
+  if (open_.messages == 0) {
+    if (open_.records.capacity() < options_.chunk_size) open_.records.reserve(options_.chunk_size);
+    open_.start = open_.end = log_time;
+    std::lock_guard<std::mutex> lock(mu_);
+    chunk_deadline_ = std::chrono::steady_clock::now() +
+                      std::chrono::milliseconds(options_.chunk_duration_ms);
+    work_cv_.notify_one();  // arms the writing thread's chunk timer
+  }
+  mcap::MessageHeader header{channel_id, sequence, log_time, publish_time};
+  mcap::AppendMessageHeader(&open_.records, header, size);
+  open_.records.append(data, size);
+  open_.start = std::min(open_.start, log_time);
+  open_.end = std::max(open_.end, log_time);
+  ++open_.messages;
+  if (open_.records.size() >= options_.chunk_size) {
+    // The caller checksums the chunk it filled: the writing thread has the disk to wait
+    // for, and the caller would otherwise often wait for it.
+    CloseChunk(true);
+    WaitForSpace();
+  }
+}
+
+void BagFileWriter::CloseChunk(bool with_crc) {
+  if (open_.messages == 0) return;
+  if (with_crc) {
+    open_.crc = mcap::Crc32(open_.records.data(), open_.records.size());
+    open_.has_crc = true;
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  queued_bytes_ += open_.records.size();
+  queue_.push_back(std::move(open_));
+  open_ = Chunk();
+  chunk_deadline_ = std::chrono::steady_clock::time_point::max();
+  if (!spare_buffers_.empty()) {
+    open_.records = std::move(spare_buffers_.back());
+    spare_buffers_.pop_back();
+    open_.records.clear();
+  }
+  work_cv_.notify_one();
+}
+
+void BagFileWriter::WaitForSpace() {
+  std::unique_lock<std::mutex> lock(mu_);
+  space_cv_.wait(lock, [this] { return queued_bytes_ <= max_queued_bytes_; });
+}
+
+void BagFileWriter::CloseChunkIfDue() {
+  // Never wait for the chunk lock: its holder may be waiting for this thread to make room.
+  std::unique_lock<std::mutex> chunk_lock(chunk_mu_, std::try_to_lock);
+  if (!chunk_lock.owns_lock()) return;
+  bool due;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    due = std::chrono::steady_clock::now() >= chunk_deadline_;
+  }
+  if (due) CloseChunk(false);
+}
+
+void BagFileWriter::Run() {
+  std::unique_lock<std::mutex> lock(mu_);
+  for (;;) {
+    if (!queue_.empty()) {
+      Chunk chunk = std::move(queue_.front());
+      queue_.pop_front();
+      queued_bytes_ -= chunk.records.size();
+      // With two more chunks waiting, compression is not keeping up with the caller:
+      // store this one as it is rather than let the queue fill and block the caller.
+      const bool hurry = queued_bytes_ >= 2 * options_.chunk_size;
+      space_cv_.notify_all();
+      lock.unlock();
+      WriteChunk(&chunk, hurry);
+      lock.lock();
+      if (chunk.records.capacity() <= 2 * options_.chunk_size &&
+          spare_buffers_.size() < kSpareBuffers) {
+        spare_buffers_.push_back(std::move(chunk.records));
+      }
+      continue;
+    }
+    if (stopping_) break;
+    if (chunk_deadline_ == std::chrono::steady_clock::time_point::max()) {
+      work_cv_.wait(lock);
+    } else if (std::chrono::steady_clock::now() < chunk_deadline_) {
+      work_cv_.wait_until(lock, chunk_deadline_);
+    } else {
+      lock.unlock();
+      CloseChunkIfDue();
+      lock.lock();
+      if (queue_.empty() && !stopping_ &&
+          std::chrono::steady_clock::now() >= chunk_deadline_) {
+        // A caller is busy with the chunk; look again shortly.
+        work_cv_.wait_for(lock, std::chrono::milliseconds(5));
+      }
+    }
+  }
+}
+
+void BagFileWriter::Lose(uint64_t messages) {
+  lost_.fetch_add(messages);
+  lost_since_failure_ += messages;
+}
+
+void BagFileWriter::IoFailed(const std::string& what, int err) {
+  failing_ = true;
+  log_->Fail("io", what + ": " + ErrnoText(err) + "; messages are dropped until writing works again");
+}
+
+void BagFileWriter::IoSucceeded() {
+  // The episode may have begun in an earlier file of the same recording.
+  if (!failing_ && log_->failures("io") == 0) return;
+  failing_ = false;
+  std::string line = "writing " + file_.active_path + " again";
+  if (lost_since_failure_ > 0) line += "; " + std::to_string(lost_since_failure_) + " messages were lost";
+  log_->Recover("io", line);
+  lost_since_failure_ = 0;
+}
+
+bool BagFileWriter::OpenFile() {
+  std::string active, completed;
+  int fd = CreateActiveFile(name_, &active, &completed);
+  if (fd < 0) {
+    IoFailed("cannot create " + name_.Completed(0) + ".active", errno);
+    return false;
+  }
+  FileState fresh;
+  fresh.fd = fd;
+  fresh.active_path = active;
+  fresh.completed_path = completed;
+  fresh.channel_written.assign(kIds, false);
+  fresh.schema_written.assign(kIds, false);
+  std::string head(mcap::kMagic, mcap::kMagicSize);
+  mcap::AppendHeader(&head, {"", std::string("libkelo_bag_aa ") + KELO_BAG_AA_VERSION});
+  file_ = std::move(fresh);
+  struct iovec iov{&head[0], head.size()};
+  if (!WriteAt(&iov, 1, head.size())) {
+    int err = errno;
+    ::close(fd);
+    ::unlink(active.c_str());  // ours, and holds nothing yet
+    file_ = FileState();
+    IoFailed("cannot write " + active, err);
+    return false;
+  }
+  file_.offset = head.size();
+  file_.data_crc = mcap::Crc32(head.data(), head.size());
+  std::lock_guard<std::mutex> lock(mu_);
+  active_name_ = active;
+  return true;
+}
+
+void BagFileWriter::DropFile() {
+  if (file_.fd >= 0) ::close(file_.fd);
+  Lose(file_.message_count);
+  file_ = FileState();
+  std::lock_guard<std::mutex> lock(mu_);
+  active_name_.clear();
+}
+
+bool BagFileWriter::EnsureFile() {
+  if (file_.fd >= 0) {
+    struct stat st;
+    if (::fstat(file_.fd, &st) != 0 || st.st_nlink > 0) return true;
+    // Deleted under us (its directory removed, say): what it held is gone, and writing on
+    // would only fill an invisible file.
+    IoFailed(file_.active_path + " was deleted while being written", ENOENT);
+    DropFile();
+  }
+  return OpenFile();
+}
+
+bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
+  std::vector<struct iovec> left(iov, iov + count);
+  size_t first = 0;
+  size_t done = 0;
+  while (done < total) {
+    ssize_t n = ::pwritev(file_.fd, left.data() + first, static_cast<int>(left.size() - first),
+                          static_cast<off_t>(file_.offset + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (n == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+    size_t skip = static_cast<size_t>(n);
+    while (first < left.size() && skip >= left[first].iov_len) skip -= left[first++].iov_len;
+    if (first < left.size()) {
+      left[first].iov_base = static_cast<char*>(left[first].iov_base) + skip;
+      left[first].iov_len -= skip;
+    }
+  }
+  return true;
+}
+
+void BagFileWriter::AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
+                                          std::vector<mcap::Schema>* schemas,
+                                          std::vector<mcap::Channel>* channels) {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (const auto& entry : channels_) {
+    const BagChannel& c = entry.second;
+    if (file_.channel_written[c.id]) continue;
+    bool schema_done = file_.schema_written[c.schema_id];
+    for (const mcap::Schema& s : *schemas) schema_done = schema_done || s.id == c.schema_id;
+    if (!schema_done) {
+      mcap::Schema s{c.schema_id, c.type, "", ""};
+      mcap::AppendSchema(out, s);
+      schemas->push_back(std::move(s));
+    }
+    mcap::Channel ch{c.id, c.schema_id, c.topic, kMessageEncoding, {}};
+    mcap::AppendChannel(out, ch);
+    channels->push_back(std::move(ch));
+    written->push_back(c.id);
+  }
+}
+
+void BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
+  if (!EnsureFile()) {
+    Lose(chunk->messages);
+    return;
+  }
+  const char* records = chunk->records.data();
+  const size_t size = chunk->records.size();
+
+  // Index the chunk here rather than while the caller appends, to keep its path short.
+  index_slots_.clear();
+  for (size_t pos = 0; pos + mcap::kPrefixSize + mcap::kMessageHeaderSize <= size;) {
+    const char* r = records + pos;
+    const uint64_t length = mcap::LoadU64(r + 1);
+    if (static_cast<uint8_t>(r[0]) == mcap::kOpMessage) {
+      const uint16_t channel = mcap::LoadU16(r + 9);
+      int& slot = slot_of_channel_[channel];
+      if (slot < 0) {
+        slot = static_cast<int>(index_slots_.size());
+        index_slots_.emplace_back(channel, std::vector<mcap::IndexEntry>());
+      }
+      index_slots_[slot].second.push_back({mcap::LoadU64(r + 15), pos});
+    }
+    pos += mcap::kPrefixSize + length;
+  }
+  for (const auto& slot : index_slots_) slot_of_channel_[slot.first] = -1;
+  std::sort(index_slots_.begin(), index_slots_.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+
+  head_.clear();
+  std::vector<uint16_t> written;
+  std::vector<mcap::Schema> schemas;
+  std::vector<mcap::Channel> channels;
+  AppendPendingChannels(&head_, &written, &schemas, &channels);
+
+  const uint32_t crc = chunk->has_crc ? chunk->crc : mcap::Crc32(records, size);
+  bool compress = options_.compression != BagCompression::kNone && !hurry &&
+                  size >= kMinCompressedChunk;
+  if (compress && skip_compression_ > 0) {
+    --skip_compression_;
+    compress = false;
+  }
+  const char* body = records;
+  size_t body_size = size;
+  const char* compression = "";
+  if (compress && compressor_.Compress(records, size, &compressed_)) {
+    if (compressed_.size() < size - size / 50) {
+      body = compressed_.data();
+      body_size = compressed_.size();
+      compression = mcap::CompressionName(options_.compression);
+    } else {
+      skip_compression_ = kChunksWithoutGain;
+    }
+  }
+
+  mcap::ChunkIndex index;
+  index.message_start_time = chunk->start;
+  index.message_end_time = chunk->end;
+  index.chunk_start_offset = file_.offset + head_.size();
+  const size_t header_begin = head_.size();
+  mcap::ChunkHeader header;
+  header.message_start_time = chunk->start;
+  header.message_end_time = chunk->end;
+  header.uncompressed_size = size;
+  header.uncompressed_crc = crc;
+  header.compression = compression;
+  header.records_size = body_size;
+  mcap::AppendChunkHeader(&head_, header);
+  index.chunk_length = head_.size() - header_begin + body_size;
+  index.compression = compression;
+  index.compressed_size = body_size;
+  index.uncompressed_size = size;
+
+  indexes_.clear();
+  const uint64_t indexes_at = index.chunk_start_offset + index.chunk_length;
+  for (const auto& slot : index_slots_) {
+    index.message_index_offsets.emplace_back(slot.first, indexes_at + indexes_.size());
+    mcap::AppendMessageIndex(&indexes_, slot.first, slot.second);
+  }
+  index.message_index_length = indexes_.size();
+
+  struct iovec iov[3] = {{&head_[0], head_.size()},
+                         {const_cast<char*>(body), body_size},
+                         {&indexes_[0], indexes_.size()}};
+  const size_t total = head_.size() + body_size + indexes_.size();
+  if (!WriteAt(iov, 3, total)) {
+    int err = errno;
+    // Cut back to the last complete record, so the file stays readable up to there.
+    if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
+      // Nothing more can be done; the reader stops at the partial record.
+    }
+    IoFailed("cannot write " + file_.active_path, err);
+    Lose(chunk->messages);
+    return;
+  }
+
+  uint32_t data_crc = mcap::Crc32Extend(file_.data_crc, head_.data(), head_.size());
+  data_crc = body == records ? mcap::Crc32Combine(data_crc, crc, size)
+                             : mcap::Crc32Extend(data_crc, body, body_size);
+  file_.data_crc = mcap::Crc32Extend(data_crc, indexes_.data(), indexes_.size());
+  file_.offset += total;
+  for (uint16_t id : written) file_.channel_written[id] = true;
+  for (mcap::Schema& s : schemas) {
+    file_.schema_written[s.id] = true;
+    file_.schemas.push_back(std::move(s));
+  }
+  for (mcap::Channel& c : channels) file_.channels.push_back(std::move(c));
+  for (const auto& slot : index_slots_) file_.channel_counts[slot.first] += slot.second.size();
+  if (file_.message_count == 0) {
+    file_.start_time = chunk->start;
+    file_.end_time = chunk->end;
+  } else {
+    file_.start_time = std::min(file_.start_time, chunk->start);
+    file_.end_time = std::max(file_.end_time, chunk->end);
+  }
+  file_.message_count += chunk->messages;
+  file_.chunk_indexes.push_back(std::move(index));
+  IoSucceeded();
+}
+
+std::string BagFileWriter::Complete() {
+  std::lock_guard<std::mutex> complete_lock(complete_mu_);
+  {
+    std::lock_guard<std::mutex> chunk_lock(chunk_mu_);
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      if (completed_) return result_;
+    }
+    CloseChunk(false);
+    closed_ = true;
+    std::lock_guard<std::mutex> lock(mu_);
+    stopping_ = true;
+    work_cv_.notify_one();
+  }
+  if (thread_.joinable()) thread_.join();
+  std::string result = Finish();
+  std::lock_guard<std::mutex> lock(mu_);
+  completed_ = true;
+  result_ = result;
+  active_name_.clear();
+  return result;
+}
+
+std::string BagFileWriter::Finish() {
+  if (!EnsureFile()) return "";
+  std::string tail;
+  std::vector<uint16_t> written;
+  std::vector<mcap::Schema> schemas;
+  std::vector<mcap::Channel> channels;
+  AppendPendingChannels(&tail, &written, &schemas, &channels);
+  for (mcap::Schema& s : schemas) file_.schemas.push_back(std::move(s));
+  for (mcap::Channel& c : channels) file_.channels.push_back(std::move(c));
+
+  mcap::SummaryContent summary;
+  summary.schemas = file_.schemas;
+  summary.channels = file_.channels;
+  std::sort(summary.schemas.begin(), summary.schemas.end(),
+            [](const mcap::Schema& a, const mcap::Schema& b) { return a.id < b.id; });
+  std::sort(summary.channels.begin(), summary.channels.end(),
+            [](const mcap::Channel& a, const mcap::Channel& b) { return a.id < b.id; });
+  mcap::Statistics& stats = summary.statistics;
+  stats.message_count = file_.message_count;
+  stats.schema_count = static_cast<uint16_t>(summary.schemas.size());
+  stats.channel_count = static_cast<uint32_t>(summary.channels.size());
+  stats.chunk_count = static_cast<uint32_t>(file_.chunk_indexes.size());
+  stats.message_start_time = file_.start_time;
+  stats.message_end_time = file_.end_time;
+  for (const mcap::Channel& c : summary.channels) {
+    auto it = file_.channel_counts.find(c.id);
+    stats.channel_message_counts.emplace_back(c.id, it == file_.channel_counts.end() ? 0 : it->second);
+  }
+  summary.chunk_indexes = std::move(file_.chunk_indexes);
+
+  const uint32_t data_crc = mcap::Crc32Extend(file_.data_crc, tail.data(), tail.size());
+  const uint64_t data_end = file_.offset + tail.size();
+  mcap::AppendFileTail(&tail, data_end, data_crc, summary);
+
+  struct iovec iov{&tail[0], tail.size()};
+  if (!WriteAt(&iov, 1, tail.size())) {
+    int err = errno;
+    if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
+      // The reader stops at the partial record; nothing better is possible here.
+    }
+    IoFailed("cannot complete " + file_.active_path + " (it stays readable as unfinished)", err);
+    ::close(file_.fd);
+    file_.fd = -1;
+    return "";
+  }
+  if (::fsync(file_.fd) != 0) {
+    IoFailed("cannot sync " + file_.active_path + " (it stays unfinished)", errno);
+    ::close(file_.fd);
+    file_.fd = -1;
+    return "";
+  }
+  ::close(file_.fd);
+  file_.fd = -1;
+  std::string completed = file_.completed_path;
+  if (!RenameCompleted(file_.active_path, name_, &completed)) {
+    IoFailed("cannot rename " + file_.active_path + " to " + completed, errno);
+    return "";
+  }
+  SyncDirectoryOf(completed);
+  IoSucceeded();
+  return completed;
+}
+
+}  // namespace kelo

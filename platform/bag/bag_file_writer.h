@@ -1,0 +1,171 @@
+#ifndef KELO_PLATFORM_BAG_BAG_FILE_WRITER_H_
+#define KELO_PLATFORM_BAG_BAG_FILE_WRITER_H_
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/bag/bag_channel_table.h"
+#include "platform/bag/bag_error_log.h"
+#include "platform/bag/bag_file_name.h"
+#include "platform/bag/bag_writer_options.h"
+#include "platform/bag/mcap_compression.h"
+#include "platform/bag/mcap_records.h"
+
+struct iovec;
+
+namespace kelo {
+
+// Writes one bag file: an MCAP file with chunked messages, message indexes after every
+// chunk and a full summary. Messages are encoded into the open chunk on the caller's
+// thread; a thread of the writer's own compresses closed chunks and writes them, so the
+// caller never waits for a codec, only for the disk when it falls behind.
+//
+//   BagFileWriter file(BagFileName::ForPart(path, "0"), options, &log);
+//   file.AddChannel(channel);
+//   file.AddMessage(channel.id, 1, log_time, publish_time, data.data(), data.size());
+//   std::string done = file.Complete();
+//
+// I/O errors never throw: they are reported on `log` once per episode, the chunk that
+// failed is dropped (the file is cut back to its last complete record), and writing resumes
+// with the next chunk that succeeds. A file that cannot be created (or is deleted while
+// being written) is created anew at the next chunk.
+//
+// All members may be called from any thread; calls are serialised inside.
+class BagFileWriter {
+ public:
+  // The message encoding written on every channel: payloads are opaque bytes as the
+  // publisher serialized them; the schema name tells their type.
+  static const char kMessageEncoding[];
+
+  // Creates the active file at once (reporting on `log` when that fails). `log` must
+  // outlive the writer.
+  BagFileWriter(const BagFileName& name, const BagWriterOptions& options, BagErrorLog* log);
+
+  // Completes the file if Complete() was not called.
+  ~BagFileWriter();
+
+  BagFileWriter(const BagFileWriter&) = delete;
+  BagFileWriter& operator=(const BagFileWriter&) = delete;
+
+  // The active file's name, or "" while it could not be created.
+  std::string active_path() const;
+
+  // Declares a channel. It is written to the file before the first chunk that follows,
+  // even when no message ever uses it. Declaring an id again is harmless.
+  void AddChannel(const BagChannel& channel);
+
+  // Appends a message on a declared channel. Times are nanoseconds.
+  void AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
+                  uint64_t publish_time, const char* data, size_t size);
+
+  // Writes what is pending, the summary and the footer, syncs the file to disk and renames
+  // it to its completed name (never replacing an existing file). Returns that name, or ""
+  // when the file could not be completed (it then stays behind as ".active", readable as an
+  // unfinished bag). Later calls return the same result; no message may follow.
+  std::string Complete();
+
+  // Messages given to this writer that could not be stored because of I/O errors.
+  uint64_t messages_lost() const;
+
+ private:
+  struct Chunk {
+    std::string records;
+    uint64_t start = 0;
+    uint64_t end = 0;
+    uint32_t messages = 0;
+    bool has_crc = false;  // the caller's thread computed `crc` while it had time to spare
+    uint32_t crc = 0;
+  };
+
+  // What the file on disk holds; touched only by the writing thread, or by Complete()
+  // once that thread has ended.
+  struct FileState {
+    int fd = -1;
+    std::string active_path;
+    std::string completed_path;
+    uint64_t offset = 0;     // bytes written and kept
+    uint32_t data_crc = 0;   // CRC of those bytes
+    std::vector<bool> channel_written;
+    std::vector<bool> schema_written;
+    std::vector<mcap::Schema> schemas;
+    std::vector<mcap::Channel> channels;
+    std::vector<mcap::ChunkIndex> chunk_indexes;
+    std::map<uint16_t, uint64_t> channel_counts;
+    uint64_t message_count = 0;
+    uint64_t start_time = 0;
+    uint64_t end_time = 0;
+  };
+
+  void Run();
+  // Hands the open chunk to the writing thread; the caller holds chunk_mu_.
+  void CloseChunk(bool with_crc);
+  void CloseChunkIfDue();
+  void WriteChunk(Chunk* chunk, bool hurry);
+  bool EnsureFile();
+  bool OpenFile();
+  void DropFile();
+  void AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
+                             std::vector<mcap::Schema>* schemas,
+                             std::vector<mcap::Channel>* channels);
+  void WaitForSpace();
+  void Lose(uint64_t messages);
+  bool WriteAt(const ::iovec* iov, int count, size_t total);
+  void IoFailed(const std::string& what, int err);
+  void IoSucceeded();
+  std::string Finish();
+
+  const BagFileName name_;
+  const BagWriterOptions options_;
+  BagErrorLog* const log_;
+  const size_t max_queued_bytes_;
+
+  // The open chunk has a lock of its own, so that the writing thread never waits while a
+  // caller copies a message in. Lock order: chunk_mu_, then mu_.
+  std::mutex chunk_mu_;
+  Chunk open_;                // guarded by chunk_mu_
+  bool closed_ = false;       // guarded by chunk_mu_: Complete() has begun
+
+  mutable std::mutex mu_;
+  std::condition_variable work_cv_;   // the writing thread waits here
+  std::condition_variable space_cv_;  // callers wait here while the queue is full
+  // When the open chunk must be closed; max() while it is empty.
+  std::chrono::steady_clock::time_point chunk_deadline_ =
+      std::chrono::steady_clock::time_point::max();
+  std::deque<Chunk> queue_;
+  size_t queued_bytes_ = 0;
+  std::vector<std::string> spare_buffers_;
+  std::map<uint16_t, BagChannel> channels_;
+  bool stopping_ = false;
+  bool completed_ = false;
+  std::string result_;
+  std::string active_name_;  // what active_path() reports
+  std::atomic<uint64_t> lost_{0};
+  std::mutex complete_mu_;  // one Complete() at a time
+
+  // Owned by the writing thread.
+  FileState file_;
+  mcap::ChunkCompressor compressor_;
+  std::string compressed_;
+  std::string head_;
+  std::string indexes_;
+  std::vector<int> slot_of_channel_;
+  std::vector<std::pair<uint16_t, std::vector<mcap::IndexEntry>>> index_slots_;
+  int skip_compression_ = 0;
+  uint64_t lost_since_failure_ = 0;
+  bool failing_ = false;
+
+  std::thread thread_;
+};
+
+}  // namespace kelo
+
+#endif  // KELO_PLATFORM_BAG_BAG_FILE_WRITER_H_

@@ -1,0 +1,263 @@
+#include "platform/bag/bag_reader.h"
+
+#include <algorithm>
+#include <limits>
+#include <list>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/bag/mcap_compression.h"
+#include "platform/bag/mcap_file.h"
+#include "platform/bag/mcap_index.h"
+
+namespace kelo {
+
+namespace {
+
+constexpr uint64_t kNanosPerMilli = 1000000;
+// Decompressed chunks kept for reuse: enough for a merge across a few overlapping chunks.
+constexpr size_t kCachedChunks = 4;
+
+long ToMillis(uint64_t nanos) { return static_cast<long>(nanos / kNanosPerMilli); }
+
+}  // namespace
+
+struct BagReader::Rep {
+  struct ChannelView {
+    std::string topic;
+    std::string type;
+  };
+
+  std::string path;
+  std::string error;
+  mcap::RandomAccessFile file;
+  mcap::ChunkDecompressor decompressor;
+  mcap::BagIndex index;
+  std::unordered_map<uint16_t, ChannelView> channels;
+  size_t position = 0;
+
+  std::shared_ptr<BagMessage> current;  // the message at `position`, once decoded
+  size_t current_position = std::numeric_limits<size_t>::max();
+
+  std::list<std::pair<uint32_t, std::string>> cache;  // most recently used first
+  std::string scratch;
+  std::string loose_record;  // the record of a message outside chunks
+
+  void AddError(const std::string& line) {
+    error = error.empty() ? path + ": " + line : error + "; " + line;
+  }
+
+  size_t valid_position = std::numeric_limits<size_t>::max();  // checked by Settle()
+
+  const std::string* Chunk(uint32_t block, std::string* why);
+  // Finds the record of `ref` and checks it is the message the index promises.
+  bool Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length,
+              mcap::MessageHeader* header, const ChannelView** channel, std::string* why);
+  // Makes sure the message at `position` can be read, dropping damaged chunks until one
+  // can; false at the end.
+  bool Settle();
+  void DropBlock(uint32_t block);
+};
+
+const std::string* BagReader::Rep::Chunk(uint32_t block, std::string* why) {
+  for (auto it = cache.begin(); it != cache.end(); ++it) {
+    if (it->first == block) {
+      if (it != cache.begin()) cache.splice(cache.begin(), cache, it);
+      return &cache.front().second;
+    }
+  }
+  std::string records;
+  if (cache.size() >= kCachedChunks) {
+    records = std::move(cache.back().second);  // reuse its memory
+    cache.pop_back();
+  }
+  if (!mcap::LoadChunk(file, index.blocks[block], &decompressor, &records, &scratch, why)) {
+    return nullptr;
+  }
+  cache.emplace_front(block, std::move(records));
+  return &cache.front().second;
+}
+
+bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record,
+                            uint64_t* length, mcap::MessageHeader* header,
+                            const ChannelView** channel, std::string* why) {
+  const mcap::Block& block = index.blocks[ref.block];
+  const char* p;
+  uint64_t avail;
+  if (block.loose) {
+    const uint64_t at = block.offset + ref.offset;
+    char prefix[mcap::kPrefixSize];
+    if (!file.Read(at, mcap::kPrefixSize, prefix) ||
+        !file.Read(at + mcap::kPrefixSize, mcap::LoadU64(prefix + 1), &loose_record)) {
+      *why = "message at byte " + std::to_string(at) + " cannot be read";
+      return false;
+    }
+    loose_record.insert(0, prefix, mcap::kPrefixSize);
+    p = loose_record.data();
+    avail = loose_record.size();
+  } else {
+    const std::string* records = Chunk(ref.block, why);
+    if (records == nullptr) return false;
+    p = records->data() + ref.offset;
+    avail = records->size() - ref.offset;
+  }
+  const uint64_t len = avail >= mcap::kPrefixSize ? mcap::LoadU64(p + 1) : 0;
+  auto found = channels.end();
+  if (avail < mcap::kPrefixSize || static_cast<uint8_t>(p[0]) != mcap::kOpMessage ||
+      len > avail - mcap::kPrefixSize ||
+      !mcap::ParseMessageHeader(p + mcap::kPrefixSize, len, header) ||
+      header->log_time != ref.log_time || (found = channels.find(header->channel_id)) == channels.end()) {
+    *why = "message index does not match the data at byte " + std::to_string(block.offset);
+    return false;
+  }
+  *record = p;
+  *length = len;
+  *channel = &found->second;
+  return true;
+}
+
+bool BagReader::Rep::Settle() {
+  while (position < index.messages.size()) {
+    if (valid_position == position) return true;
+    const mcap::MessageRef ref = index.messages[position];
+    const char* record;
+    uint64_t length;
+    mcap::MessageHeader header;
+    const ChannelView* channel;
+    std::string why;
+    if (Locate(ref, &record, &length, &header, &channel, &why)) {
+      valid_position = position;
+      return true;
+    }
+    // The damage was not visible from the index: leave the chunk out and go on with the
+    // next message, so that a reader not at its end always has a message to give.
+    AddError(why);
+    DropBlock(ref.block);
+  }
+  return false;
+}
+
+void BagReader::Rep::DropBlock(uint32_t block) {
+  auto& messages = index.messages;
+  size_t before_position = 0;
+  for (size_t i = 0; i < position && i < messages.size(); ++i) {
+    if (messages[i].block == block) ++before_position;
+  }
+  const size_t count = messages.size();
+  messages.erase(std::remove_if(messages.begin(), messages.end(),
+                                [block](const mcap::MessageRef& m) { return m.block == block; }),
+                 messages.end());
+  position -= before_position;
+  valid_position = std::numeric_limits<size_t>::max();
+  current.reset();
+  current_position = std::numeric_limits<size_t>::max();
+  AddError("dropped " + std::to_string(count - messages.size()) + " messages");
+}
+
+BagReader::BagReader(const std::string& path) : rep_(new Rep) {
+  Rep& r = *rep_;
+  r.path = path;
+  std::string error;
+  if (!r.file.Open(path, &error)) {
+    r.AddError("cannot open: " + error);
+    return;
+  }
+  if (!mcap::BuildIndex(r.file, &r.decompressor, &r.index, &error)) {
+    r.AddError(error);
+    return;
+  }
+  if (!r.index.problem.empty()) r.AddError(r.index.problem);
+  for (const auto& c : r.index.channels) {
+    Rep::ChannelView view;
+    view.topic = c.second.topic;
+    auto schema = r.index.schemas.find(c.second.schema_id);
+    if (schema != r.index.schemas.end()) view.type = schema->second.name;
+    r.channels.emplace(c.first, std::move(view));
+  }
+}
+
+BagReader::~BagReader() = default;
+
+std::string BagReader::get_error() const { return rep_->error; }
+
+bool BagReader::eof() const {
+  // Checking the current message here keeps read() from coming up empty before the end
+  // when a chunk turns out to be damaged.
+  return !rep_->Settle();
+}
+
+std::shared_ptr<BagMessage> BagReader::read() {
+  Rep& r = *rep_;
+  if (!r.Settle()) return nullptr;
+  if (r.current_position == r.position) return r.current;
+  const char* record;
+  uint64_t length;
+  mcap::MessageHeader header;
+  const Rep::ChannelView* channel;
+  std::string why;
+  if (!r.Locate(r.index.messages[r.position], &record, &length, &header, &channel, &why)) {
+    return nullptr;  // cannot happen: Settle() just located it and the chunk is cached
+  }
+  auto message = std::make_shared<BagMessage>();
+  message->topic = channel->topic;
+  message->type = channel->type;
+  message->time = ToMillis(header.log_time);
+  message->record_time = ToMillis(header.publish_time);
+  message->data.assign(record + mcap::kPrefixSize + mcap::kMessageHeaderSize,
+                       length - mcap::kMessageHeaderSize);
+  r.current = std::move(message);
+  r.current_position = r.position;
+  return r.current;
+}
+
+void BagReader::next() {
+  if (rep_->position < rep_->index.messages.size()) ++rep_->position;
+}
+
+void BagReader::seek(unsigned index) {
+  rep_->position = std::min<size_t>(index, rep_->index.messages.size());
+}
+
+void BagReader::seek_time(long time) {
+  const auto& messages = rep_->index.messages;
+  uint64_t nanos = 0;
+  if (time > 0) {
+    nanos = static_cast<uint64_t>(time) > std::numeric_limits<uint64_t>::max() / kNanosPerMilli
+                ? std::numeric_limits<uint64_t>::max()
+                : static_cast<uint64_t>(time) * kNanosPerMilli;
+  }
+  auto it = std::lower_bound(messages.begin(), messages.end(), nanos,
+                             [](const mcap::MessageRef& m, uint64_t t) { return m.log_time < t; });
+  rep_->position = static_cast<size_t>(it - messages.begin());
+}
+
+unsigned BagReader::index() const { return static_cast<unsigned>(rep_->position); }
+
+unsigned BagReader::count() const { return static_cast<unsigned>(rep_->index.messages.size()); }
+
+long BagReader::start_time() const {
+  const auto& messages = rep_->index.messages;
+  return messages.empty() ? 0 : ToMillis(messages.front().log_time);
+}
+
+long BagReader::end_time() const {
+  const auto& messages = rep_->index.messages;
+  return messages.empty() ? 0 : ToMillis(messages.back().log_time);
+}
+
+std::vector<std::shared_ptr<BagTopic>> BagReader::topics() const {
+  std::vector<std::shared_ptr<BagTopic>> out;
+  std::set<std::pair<std::string, std::string>> seen;
+  for (const auto& c : rep_->index.channels) {
+    const Rep::ChannelView& view = rep_->channels.at(c.first);
+    if (!seen.insert({view.topic, view.type}).second) continue;
+    auto topic = std::make_shared<BagTopic>();
+    topic->name = view.topic;
+    topic->type = view.type;
+    out.push_back(std::move(topic));
+  }
+  return out;
+}
+
+}  // namespace kelo

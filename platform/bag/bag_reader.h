@@ -1,0 +1,79 @@
+#ifndef KELO_PLATFORM_BAG_BAG_READER_H_
+#define KELO_PLATFORM_BAG_BAG_READER_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/bag/bag_message.h"
+#include "platform/bag/bag_topic.h"
+
+namespace kelo {
+
+// Reads a bag (any MCAP file) as a sequence of messages in time order; messages with equal
+// times come in the order they were written. The reader is a cursor over that sequence:
+// positions run from 0 to count(), and count() means "at the end".
+//
+//   BagReader reader("rec/bag_20240305140709_0.kelobag");
+//   for (reader.seek_time(t); !reader.eof(); reader.next()) Use(*reader.read());
+//
+// Opening a complete bag uses its summary and message indexes, without reading the data.
+// An unfinished (".active") or cut file is read up to its last complete chunk, and a
+// damaged one up to the damage; get_error() then says so and how many messages were kept.
+// Nothing here throws, and no input, however corrupt, makes the reader crash, hang, or set
+// aside more memory than the file's content could fill.
+//
+// A reader serves one thread at a time; distinct readers are independent.
+class BagReader {
+ public:
+  explicit BagReader(const std::string& path);
+  virtual ~BagReader();
+
+  BagReader(const BagReader&) = delete;
+  BagReader& operator=(const BagReader&) = delete;
+
+  // "" when the file was read as written. Otherwise one line naming the file and saying
+  // what went wrong: it could not be opened or is not a bag (then the reader holds no
+  // message), or it was recovered ("<path>: recovered unfinished bag: kept N messages").
+  // A chunk found damaged while reading adds its own line reason; its messages are then
+  // dropped from the sequence, and count() shrinks accordingly.
+  std::string get_error() const;
+
+  // True when the position is at the end. When it is false, read() returns a message:
+  // a chunk found damaged on the way is left out here (see get_error()).
+  bool eof() const;
+
+  // The message at the position, without moving; null only at the end. The message
+  // belongs to the caller and outlives the reader.
+  std::shared_ptr<BagMessage> read();
+
+  // Moves one message forward; nothing at the end.
+  void next();
+
+  // Moves to position `index`; seek(count()) and anything beyond puts the reader at the end.
+  void seek(unsigned index);
+
+  // Moves to the first message whose time is at or after `time` (ms); to the end when
+  // there is none.
+  void seek_time(long time);
+
+  unsigned index() const;
+  unsigned count() const;
+
+  // Times (ms) of the first and last messages; 0 for a bag without messages. Times of
+  // bags written with sub-millisecond precision are rounded down to the millisecond.
+  long start_time() const;
+  long end_time() const;
+
+  // Every (topic, type) pair the bag declares, whether or not it has messages, in the
+  // order the bag defines them. A topic recorded with two types appears twice.
+  std::vector<std::shared_ptr<BagTopic>> topics() const;
+
+ private:
+  struct Rep;
+  std::unique_ptr<Rep> rep_;
+};
+
+}  // namespace kelo
+
+#endif  // KELO_PLATFORM_BAG_BAG_READER_H_

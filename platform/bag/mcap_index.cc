@@ -1,0 +1,470 @@
+#include "platform/bag/mcap_index.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "platform/bag/mcap_crc32.h"
+
+namespace kelo {
+namespace mcap {
+
+namespace {
+
+// Offsets inside a block are 32-bit to keep the index at 16 bytes a message.
+constexpr uint64_t kMaxBlockOffset = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kLooseSpan = uint64_t{1} << 31;
+constexpr size_t kTailSize = kFooterRecordSize + kMagicSize;
+constexpr size_t kChunkHeadRead = 4096;
+constexpr uint32_t kNoBlock = std::numeric_limits<uint32_t>::max();
+
+bool InFileOrder(const MessageRef& a, const MessageRef& b) {
+  if (a.log_time != b.log_time) return a.log_time < b.log_time;
+  if (a.block != b.block) return a.block < b.block;
+  return a.offset < b.offset;
+}
+
+// Sorts `v`, whose [bounds[i], bounds[i+1]) ranges are runs that are usually sorted
+// already (one channel's index, one chunk): unsorted runs are sorted, then runs are
+// merged pairwise, which costs little more than checking them.
+void SortRuns(std::vector<MessageRef>* v, std::vector<size_t> bounds) {
+  if (bounds.empty() || bounds.front() != 0) bounds.insert(bounds.begin(), 0);
+  if (bounds.back() != v->size()) bounds.push_back(v->size());
+  auto begin = v->begin();
+  for (size_t i = 0; i + 1 < bounds.size(); ++i) {
+    if (!std::is_sorted(begin + bounds[i], begin + bounds[i + 1], InFileOrder)) {
+      std::sort(begin + bounds[i], begin + bounds[i + 1], InFileOrder);
+    }
+  }
+  if (std::is_sorted(v->begin(), v->end(), InFileOrder)) return;
+  while (bounds.size() > 2) {
+    std::vector<size_t> merged{0};
+    for (size_t i = 0; i + 1 < bounds.size(); i += 2) {
+      if (i + 2 < bounds.size()) {
+        std::inplace_merge(begin + bounds[i], begin + bounds[i + 1], begin + bounds[i + 2],
+                           InFileOrder);
+        merged.push_back(bounds[i + 2]);
+      } else {
+        merged.push_back(bounds[i + 1]);
+      }
+    }
+    bounds.swap(merged);
+  }
+}
+
+void AddSchema(BagIndex* index, Schema&& s) {
+  if (s.id == 0) return;  // reserved for "no schema"
+  index->schemas.emplace(s.id, std::move(s));
+}
+
+void AddChannel(BagIndex* index, Channel&& c) { index->channels.emplace(c.id, std::move(c)); }
+
+// Parses the fields of a Chunk before its records from the first `avail` bytes of its
+// content, which is `content_size` bytes long.
+bool ParseChunkHead(const char* p, size_t avail, uint64_t content_size, ChunkHeader* h) {
+  Cursor c(p, avail);
+  h->message_start_time = c.U64();
+  h->message_end_time = c.U64();
+  h->uncompressed_size = c.U64();
+  h->uncompressed_crc = c.U32();
+  h->compression = c.String();
+  h->records_size = c.U64();
+  if (!c.ok()) return false;
+  h->records_offset = avail - c.left();
+  return h->records_offset <= content_size && h->records_size <= content_size - h->records_offset;
+}
+
+// Decompresses and checks a chunk's records from its header and stored bytes.
+bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* decompressor,
+                 std::string* records, std::string* error) {
+  if (h.uncompressed_size > kMaxBlockOffset) {
+    *error = "chunk of " + std::to_string(h.uncompressed_size) + " bytes is too large";
+    return false;
+  }
+  if (!decompressor->Decompress(h.compression, stored, static_cast<size_t>(h.records_size),
+                                h.uncompressed_size, records, error)) {
+    return false;
+  }
+  if (h.uncompressed_crc != 0 && Crc32(records->data(), records->size()) != h.uncompressed_crc) {
+    *error = "chunk CRC mismatch";
+    return false;
+  }
+  return true;
+}
+
+// Indexes the records of a decompressed chunk, learning the schemas and channels it
+// defines. False when its records do not exactly fill it.
+bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* index,
+                      std::string* error) {
+  const char* p = records.data();
+  const size_t size = records.size();
+  size_t pos = 0;
+  while (pos < size) {
+    if (size - pos < kPrefixSize) {
+      *error = "chunk ends inside a record";
+      return false;
+    }
+    const uint8_t op = static_cast<uint8_t>(p[pos]);
+    const uint64_t len = LoadU64(p + pos + 1);
+    if (op == 0 || len > size - pos - kPrefixSize) {
+      *error = "broken record inside a chunk";
+      return false;
+    }
+    const char* content = p + pos + kPrefixSize;
+    if (op == kOpMessage) {
+      MessageHeader m;
+      if (!ParseMessageHeader(content, len, &m)) {
+        *error = "short message inside a chunk";
+        return false;
+      }
+      if (index->channels.count(m.channel_id) > 0) {
+        index->messages.push_back({m.log_time, block, static_cast<uint32_t>(pos)});
+      }
+    } else if (op == kOpSchema) {
+      Schema s;
+      if (ParseSchema(content, len, &s)) AddSchema(index, std::move(s));
+    } else if (op == kOpChannel) {
+      Channel c;
+      if (ParseChannel(content, len, &c)) AddChannel(index, std::move(c));
+    }
+    pos += kPrefixSize + len;
+  }
+  return true;
+}
+
+enum class SummaryUse { kUsed, kAbsent, kDamaged };
+
+// Indexes the file from its summary and message indexes. kAbsent when the file has no
+// summary or one that does not account for every message (messages outside chunks,
+// channels defined only in the data); kDamaged, with `why`, when it is inconsistent.
+SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* decompressor,
+                           BagIndex* index, std::string* why) {
+  const uint64_t size = file.size();
+  if (size < kMagicSize + kDataEndRecordSize + kTailSize) return SummaryUse::kAbsent;
+  char tail[kTailSize];
+  if (!file.Read(size - kTailSize, kTailSize, tail)) return SummaryUse::kAbsent;
+  if (static_cast<uint8_t>(tail[0]) != kOpFooter || LoadU64(tail + 1) != 20 ||
+      std::memcmp(tail + kFooterRecordSize, kMagic, kMagicSize) != 0) {
+    return SummaryUse::kAbsent;
+  }
+  Footer footer;
+  ParseFooter(tail + kPrefixSize, 20, &footer);
+  if (footer.summary_start == 0) return SummaryUse::kAbsent;
+  const uint64_t footer_pos = size - kTailSize;
+  if (footer.summary_start < kMagicSize + kDataEndRecordSize || footer.summary_start > footer_pos) {
+    *why = "footer points outside the file";
+    return SummaryUse::kDamaged;
+  }
+  const uint64_t data_end_pos = footer.summary_start - kDataEndRecordSize;
+  std::string region;
+  if (!file.Read(data_end_pos, footer_pos + kFooterRecordSize - data_end_pos, &region)) {
+    *why = "summary cannot be read";
+    return SummaryUse::kDamaged;
+  }
+  if (static_cast<uint8_t>(region[0]) != kOpDataEnd || LoadU64(region.data() + 1) != 4) {
+    *why = "no data end record before the summary";
+    return SummaryUse::kDamaged;
+  }
+  if (footer.summary_crc != 0 &&
+      Crc32(region.data() + kDataEndRecordSize, region.size() - kDataEndRecordSize - 4) !=
+          footer.summary_crc) {
+    *why = "summary CRC mismatch";
+    return SummaryUse::kDamaged;
+  }
+
+  std::vector<ChunkIndex> chunks;
+  Statistics stats;
+  int stats_seen = 0;
+  const char* p = region.data();
+  const size_t end = footer_pos - data_end_pos;
+  for (size_t pos = kDataEndRecordSize; pos < end;) {
+    if (end - pos < kPrefixSize) {
+      *why = "summary ends inside a record";
+      return SummaryUse::kDamaged;
+    }
+    const uint8_t op = static_cast<uint8_t>(p[pos]);
+    const uint64_t len = LoadU64(p + pos + 1);
+    if (op == 0 || len > end - pos - kPrefixSize) {
+      *why = "broken record in the summary";
+      return SummaryUse::kDamaged;
+    }
+    const char* content = p + pos + kPrefixSize;
+    bool ok = true;
+    if (op == kOpSchema) {
+      Schema s;
+      ok = ParseSchema(content, len, &s);
+      if (ok) AddSchema(index, std::move(s));
+    } else if (op == kOpChannel) {
+      Channel c;
+      ok = ParseChannel(content, len, &c);
+      if (ok) AddChannel(index, std::move(c));
+    } else if (op == kOpChunkIndex) {
+      ChunkIndex c;
+      ok = ParseChunkIndex(content, len, &c);
+      if (ok) chunks.push_back(std::move(c));
+    } else if (op == kOpStatistics) {
+      ok = ParseStatistics(content, len, &stats) && ++stats_seen == 1;
+    }
+    if (!ok) {
+      *why = "malformed record in the summary";
+      return SummaryUse::kDamaged;
+    }
+    pos += kPrefixSize + len;
+  }
+  // Without statistics nothing tells whether the chunks hold every message.
+  if (stats_seen == 0) return SummaryUse::kAbsent;
+
+  std::sort(chunks.begin(), chunks.end(), [](const ChunkIndex& a, const ChunkIndex& b) {
+    return a.chunk_start_offset < b.chunk_start_offset;
+  });
+  std::vector<size_t> runs;
+  std::string records, scratch;
+  for (const ChunkIndex& c : chunks) {
+    if (c.chunk_start_offset < kMagicSize || c.chunk_length < kPrefixSize ||
+        c.chunk_start_offset > data_end_pos || c.chunk_length > data_end_pos - c.chunk_start_offset ||
+        c.uncompressed_size > kMaxBlockOffset) {
+      *why = "chunk index points outside the data";
+      return SummaryUse::kDamaged;
+    }
+    const uint32_t block = static_cast<uint32_t>(index->blocks.size());
+    index->blocks.push_back({false, c.chunk_start_offset, c.chunk_length});
+    if (c.message_index_offsets.empty()) {
+      // Either an empty chunk or one written without message indexes: look inside.
+      if (c.uncompressed_size == 0) continue;
+      runs.push_back(index->messages.size());
+      std::string error;
+      if (!LoadChunk(file, index->blocks.back(), decompressor, &records, &scratch, &error) ||
+          !ScanChunkRecords(records, block, index, &error)) {
+        *why = error;
+        return SummaryUse::kDamaged;
+      }
+      continue;
+    }
+    const uint64_t at = c.chunk_start_offset + c.chunk_length;
+    if (c.message_index_length > data_end_pos - at) {
+      *why = "message index runs past the data";
+      return SummaryUse::kDamaged;
+    }
+    std::string indexes;
+    if (!file.Read(at, c.message_index_length, &indexes)) {
+      *why = "message index cannot be read";
+      return SummaryUse::kDamaged;
+    }
+    std::vector<IndexEntry> entries;
+    for (size_t pos = 0; pos < indexes.size();) {
+      if (indexes.size() - pos < kPrefixSize) {
+        *why = "broken message index";
+        return SummaryUse::kDamaged;
+      }
+      const uint8_t op = static_cast<uint8_t>(indexes[pos]);
+      const uint64_t len = LoadU64(indexes.data() + pos + 1);
+      if (op == 0 || len > indexes.size() - pos - kPrefixSize) {
+        *why = "broken message index";
+        return SummaryUse::kDamaged;
+      }
+      if (op == kOpMessageIndex) {
+        uint16_t channel = 0;
+        entries.clear();
+        if (!ParseMessageIndex(indexes.data() + pos + kPrefixSize, len, &channel, &entries)) {
+          *why = "malformed message index";
+          return SummaryUse::kDamaged;
+        }
+        if (index->channels.count(channel) == 0) return SummaryUse::kAbsent;
+        runs.push_back(index->messages.size());
+        for (const IndexEntry& e : entries) {
+          if (e.offset >= c.uncompressed_size) {
+            *why = "message index points outside its chunk";
+            return SummaryUse::kDamaged;
+          }
+          index->messages.push_back({e.log_time, block, static_cast<uint32_t>(e.offset)});
+        }
+      }
+      pos += kPrefixSize + len;
+    }
+  }
+  if (index->messages.size() != stats.message_count) return SummaryUse::kAbsent;
+  for (const auto& c : index->channels) {
+    if (c.second.schema_id != 0 && index->schemas.count(c.second.schema_id) == 0) {
+      return SummaryUse::kAbsent;
+    }
+  }
+  SortRuns(&index->messages, runs);
+  return SummaryUse::kUsed;
+}
+
+// Reads the file record by record from the start; see BuildIndex.
+void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompressor,
+                    BagIndex* index, bool tail_ok) {
+  SequentialReader in(&file);
+  const uint64_t size = file.size();
+  uint64_t pos = kMagicSize;
+  bool finished = false;  // reached the end of the data section
+  std::string damage;
+  uint32_t loose = kNoBlock;
+  std::vector<size_t> runs;
+  std::string records;
+  while (pos < size) {
+    const char* p = in.Get(pos, kPrefixSize);
+    if (p == nullptr) break;  // cut inside a record's prefix
+    const uint8_t op = static_cast<uint8_t>(p[0]);
+    const uint64_t len = LoadU64(p + 1);
+    if (op == 0) {
+      damage = "invalid record at byte " + std::to_string(pos);
+      break;
+    }
+    if (len > size - pos - kPrefixSize) break;  // cut inside this record
+    if (op == kOpDataEnd || op == kOpFooter) {
+      finished = true;
+      break;
+    }
+    const uint64_t content_at = pos + kPrefixSize;
+    if (op == kOpChunk) {
+      const char* content = in.Get(content_at, len);
+      ChunkHeader h;
+      std::string error;
+      const uint32_t block = static_cast<uint32_t>(index->blocks.size());
+      const size_t before = index->messages.size();
+      if (content == nullptr || !ParseChunkHead(content, len, len, &h)) {
+        error = "malformed chunk";
+      } else if (DecodeChunk(h, content + h.records_offset, decompressor, &records, &error)) {
+        index->blocks.push_back({false, pos, kPrefixSize + len});
+        if (!ScanChunkRecords(records, block, index, &error)) {
+          index->blocks.pop_back();
+          index->messages.resize(before);
+        }
+      }
+      if (!error.empty()) {
+        damage = error + " at byte " + std::to_string(pos);
+        break;
+      }
+      runs.push_back(before);
+      loose = kNoBlock;  // later loose messages come after this chunk in file order
+    } else if (op == kOpMessage) {
+      MessageHeader m;
+      const char* content = in.Get(content_at, std::min<uint64_t>(len, kMessageHeaderSize));
+      if (content == nullptr || !ParseMessageHeader(content, len, &m)) {
+        damage = "short message at byte " + std::to_string(pos);
+        break;
+      }
+      if (index->channels.count(m.channel_id) > 0) {
+        if (loose == kNoBlock || pos - index->blocks[loose].offset >= kLooseSpan) {
+          loose = static_cast<uint32_t>(index->blocks.size());
+          index->blocks.push_back({true, pos, 0});
+          runs.push_back(index->messages.size());
+        }
+        index->messages.push_back(
+            {m.log_time, loose, static_cast<uint32_t>(pos - index->blocks[loose].offset)});
+      }
+    } else if (op == kOpSchema || op == kOpChannel || op == kOpHeader) {
+      const char* content = in.Get(content_at, len);
+      bool ok = content != nullptr;
+      if (ok && op == kOpSchema) {
+        Schema s;
+        ok = ParseSchema(content, len, &s);
+        if (ok) AddSchema(index, std::move(s));
+      } else if (ok && op == kOpChannel) {
+        Channel c;
+        ok = ParseChannel(content, len, &c);
+        if (ok) AddChannel(index, std::move(c));
+      } else if (ok) {
+        ok = ParseHeader(content, len, &index->header);
+      }
+      if (!ok) {
+        damage = "malformed record at byte " + std::to_string(pos);
+        break;
+      }
+    }
+    pos = content_at + len;
+  }
+  SortRuns(&index->messages, runs);
+  const std::string kept = "kept " + std::to_string(index->messages.size()) + " messages";
+  if (!damage.empty()) {
+    index->problem = "recovered damaged bag (" + damage + "): " + kept;
+  } else if (!finished || !tail_ok) {
+    index->problem = "recovered unfinished bag: " + kept;
+  }
+}
+
+bool TailIsIntact(const RandomAccessFile& file) {
+  char tail[kTailSize];
+  const uint64_t size = file.size();
+  return size >= kMagicSize + kTailSize && file.Read(size - kTailSize, kTailSize, tail) &&
+         static_cast<uint8_t>(tail[0]) == kOpFooter && LoadU64(tail + 1) == 20 &&
+         std::memcmp(tail + kFooterRecordSize, kMagic, kMagicSize) == 0;
+}
+
+}  // namespace
+
+bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompressor* decompressor,
+               std::string* records, std::string* scratch, std::string* error) {
+  const std::string at = " at byte " + std::to_string(block.offset);
+  char head[kChunkHeadRead];
+  const uint64_t head_size = std::min<uint64_t>(block.length, kChunkHeadRead);
+  if (block.length < kPrefixSize || !file.Read(block.offset, head_size, head)) {
+    *error = "chunk cannot be read" + at;
+    return false;
+  }
+  const uint64_t content_size = block.length - kPrefixSize;
+  if (static_cast<uint8_t>(head[0]) != kOpChunk || LoadU64(head + 1) != content_size) {
+    *error = "no chunk" + at;
+    return false;
+  }
+  ChunkHeader h;
+  const char* content = head + kPrefixSize;
+  size_t avail = static_cast<size_t>(head_size - kPrefixSize);
+  std::string whole;
+  if (!ParseChunkHead(content, avail, content_size, &h)) {
+    if (head_size == block.length || !file.Read(block.offset + kPrefixSize, content_size, &whole) ||
+        !ParseChunkHead(whole.data(), whole.size(), content_size, &h)) {
+      *error = "malformed chunk" + at;
+      return false;
+    }
+  }
+  const uint64_t stored_at = block.offset + kPrefixSize + h.records_offset;
+  if (!file.Read(stored_at, h.records_size, scratch)) {
+    *error = "chunk cannot be read" + at;
+    return false;
+  }
+  if (!DecodeChunk(h, scratch->data(), decompressor, records, error)) {
+    *error += at;
+    return false;
+  }
+  return true;
+}
+
+bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
+                std::string* error) {
+  char magic[kMagicSize];
+  if (!file.Read(0, kMagicSize, magic) || std::memcmp(magic, kMagic, kMagicSize) != 0) {
+    *error = "not a bag file (no MCAP magic)";
+    return false;
+  }
+  std::string why;
+  switch (LoadFromSummary(file, decompressor, index, &why)) {
+    case SummaryUse::kUsed: {
+      // The header is not repeated in the summary; it is the first record.
+      char prefix[kPrefixSize];
+      std::string content;
+      if (file.Read(kMagicSize, kPrefixSize, prefix) &&
+          static_cast<uint8_t>(prefix[0]) == kOpHeader &&
+          file.Read(kMagicSize + kPrefixSize, LoadU64(prefix + 1), &content)) {
+        ParseHeader(content.data(), content.size(), &index->header);
+      }
+      index->from_summary = true;
+      return true;
+    }
+    case SummaryUse::kAbsent:
+    case SummaryUse::kDamaged:
+      break;
+  }
+  *index = BagIndex();
+  LoadByScanning(file, decompressor, index, TailIsIntact(file));
+  if (!why.empty() && index->problem.empty()) {
+    index->problem = "summary damaged (" + why + "), read by scanning: kept " +
+                     std::to_string(index->messages.size()) + " messages";
+  }
+  return true;
+}
+
+}  // namespace mcap
+}  // namespace kelo

@@ -1,0 +1,63 @@
+#ifndef KELO_PLATFORM_BAG_MCAP_INDEX_H_
+#define KELO_PLATFORM_BAG_MCAP_INDEX_H_
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/bag/mcap_compression.h"
+#include "platform/bag/mcap_file.h"
+#include "platform/bag/mcap_records.h"
+
+namespace kelo {
+namespace mcap {
+
+// Where a run of messages is stored: one chunk, or records outside any chunk.
+struct Block {
+  bool loose = false;
+  uint64_t offset = 0;  // a chunk: its record's file offset; loose: base of its messages' offsets
+  uint64_t length = 0;  // a chunk: its whole record's length
+};
+
+// One message of the index in 16 bytes: its log time and where its record starts, counted
+// in its block's decompressed records (or from a loose block's base).
+struct MessageRef {
+  uint64_t log_time;
+  uint32_t block;
+  uint32_t offset;
+};
+
+// Everything a reader needs to find any message without scanning the file again.
+struct BagIndex {
+  Header header;
+  std::map<uint16_t, Schema> schemas;
+  std::map<uint16_t, Channel> channels;
+  std::vector<Block> blocks;        // in file order
+  std::vector<MessageRef> messages; // in log time order, ties in file order
+  bool from_summary = false;        // opened from the summary, without scanning the data
+
+  // "" when the whole file was read as written. Otherwise what went wrong and what was
+  // kept, e.g. "recovered unfinished bag: kept 12 messages".
+  std::string problem;
+};
+
+// Builds the index of an MCAP file. A file with a sound summary is indexed from it and its
+// message indexes alone. Any other file (no summary, an unfinished or cut recording, a
+// damaged one) is read record by record from the start, keeping every message up to the
+// first record that is incomplete or broken. Every length read from the file is checked
+// against the bytes left in it before memory is set aside for it.
+// Returns false, with `error` set, only when the file is not MCAP at all.
+bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
+                std::string* error);
+
+// Reads the chunk of `block`, checks its framing, decompresses it into `records` and
+// verifies its CRC. `scratch` holds the compressed bytes between calls. False with
+// `error` set when the chunk is damaged.
+bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompressor* decompressor,
+               std::string* records, std::string* scratch, std::string* error);
+
+}  // namespace mcap
+}  // namespace kelo
+
+#endif  // KELO_PLATFORM_BAG_MCAP_INDEX_H_

@@ -1,0 +1,47 @@
+#include "platform/bag/mcap_summary.h"
+
+#include "platform/bag/mcap_crc32.h"
+
+namespace kelo {
+namespace mcap {
+
+void AppendFileTail(std::string* out, uint64_t data_end_offset, uint32_t data_crc,
+                    const SummaryContent& summary) {
+  const size_t base = out->size();  // out[base] sits at file offset data_end_offset
+  AppendDataEnd(out, data_crc);
+  const size_t summary_begin = out->size();
+  auto file_offset = [&](size_t at) { return data_end_offset + (at - base); };
+
+  std::vector<SummaryOffset> groups;
+  auto group = [&](Opcode op, size_t begin) {
+    if (out->size() > begin) groups.push_back({op, file_offset(begin), out->size() - begin});
+  };
+  size_t begin = out->size();
+  for (const Schema& s : summary.schemas) AppendSchema(out, s);
+  group(kOpSchema, begin);
+  begin = out->size();
+  for (const Channel& c : summary.channels) AppendChannel(out, c);
+  group(kOpChannel, begin);
+  begin = out->size();
+  AppendStatistics(out, summary.statistics);
+  group(kOpStatistics, begin);
+  begin = out->size();
+  for (const ChunkIndex& c : summary.chunk_indexes) AppendChunkIndex(out, c);
+  group(kOpChunkIndex, begin);
+
+  Footer footer;
+  footer.summary_start = out->size() > summary_begin ? file_offset(summary_begin) : 0;
+  const size_t offsets_begin = out->size();
+  for (const SummaryOffset& g : groups) AppendSummaryOffset(out, g);
+  footer.summary_offset_start = out->size() > offsets_begin ? file_offset(offsets_begin) : 0;
+  const size_t footer_begin = out->size();
+  AppendFooter(out, footer);
+  // The CRC covers the summary, its offsets and the footer up to the CRC field itself.
+  const size_t crc_end = footer_begin + kPrefixSize + 16;
+  uint32_t crc = Crc32(out->data() + summary_begin, crc_end - summary_begin);
+  for (int i = 0; i < 4; ++i) (*out)[crc_end + i] = static_cast<char>((crc >> (8 * i)) & 0xFF);
+  out->append(kMagic, kMagicSize);
+}
+
+}  // namespace mcap
+}  // namespace kelo

@@ -1,0 +1,20 @@
+#!/bin/bash
+# Checks our bags against @mcap/core and @mcap/core's files against our reader.
+# Usage: run_interop.sh <bag_interop_tool> <work dir>
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+tool="$1"
+work="$2"
+if [ ! -d "$here/node_modules/@mcap/core" ]; then
+  echo "tests/interop/node_modules is missing: run 'npm ci' in tests/interop" >&2
+  exit 1
+fi
+rm -rf "$work"
+mkdir -p "$work/ours" "$work/theirs"
+"$tool" write "$work/ours"
+node "$here/check_bags.mjs" "$work/ours"
+node "$here/write_reference.mjs" "$work/theirs"
+for file in "$work"/theirs/*.mcap; do
+  "$tool" read "$file" "$file.expected.json"
+done
+echo "interop: all checks passed"
