@@ -1,0 +1,76 @@
+#ifndef KELO_PLATFORM_UDP_UDP_CAST_CLIENT_H_
+#define KELO_PLATFORM_UDP_UDP_CAST_CLIENT_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/udp/udp_cast_options.h"
+#include "platform/udp/udp_cast_stats.h"
+
+namespace kelo {
+
+struct UdpInterface;
+class UdpReassembler;
+class UdpSocket;
+
+// A short-lived asker: sends one message to a group and collects the answers of every
+// member that replies in time, without joining the group or starting a thread:
+//
+//   UdpCastClient client;
+//   for (const UdpCastClient::Reply& r : client.query("224.0.0.88", 2801, "record_monitor", "",
+//                                                     "record_monitor_recv", 1000)) {
+//     MemoryStream body(r.body);  std::string snapshot;  body.read_string(&snapshot);
+//   }
+//
+// Only answers made for this very query (UdpMessage::create_recv() of it) under the
+// reply key count. One thread at a time per client; clients are independent.
+class UdpCastClient {
+ public:
+  struct Reply {
+    std::string peer;  // the answering server's address
+    int port = 0;      // and the port it answered from
+    std::string body;  // the answer's body, as its sender wrote it
+  };
+
+  // On the interface UdpCastManager has in force.
+  UdpCastClient();
+  explicit UdpCastClient(const UdpCastOptions& options);
+  ~UdpCastClient();
+
+  UdpCastClient(const UdpCastClient&) = delete;
+  UdpCastClient& operator=(const UdpCastClient&) = delete;
+
+  // Sends a message under `key` with `body` (raw bytes) to `group`:`port` (a multicast
+  // group, or one host's address) and returns, after `timeout_ms`, every answer under
+  // `reply_key` in the order they arrived, one per answering message. Returns at once
+  // with no replies when the message could not be sent; error() says why.
+  std::vector<Reply> query(const std::string& group, int port, const std::string& key,
+                           const std::string& body, const std::string& reply_key, int timeout_ms);
+
+  // Why the last query could not be sent; "" when it was.
+  const std::string& error() const { return error_; }
+
+  // Datagrams dropped on arrival; see stats(). Answers to other questions, or under
+  // another key, count as unhandled messages.
+  uint64_t dropped_datagrams() const;
+  UdpCastStats stats() const;
+
+ private:
+  bool Open();
+
+  const UdpCastOptions options_;
+  const uint32_t sender_id_;
+  uint32_t next_id_;
+  std::unique_ptr<UdpInterface> interface_;
+  std::unique_ptr<UdpSocket> socket_;
+  std::unique_ptr<UdpReassembler> reassembler_;
+  std::unique_ptr<char[]> buffer_;
+  uint64_t unhandled_messages_ = 0;
+  std::string error_;
+};
+
+}  // namespace kelo
+
+#endif  // KELO_PLATFORM_UDP_UDP_CAST_CLIENT_H_

@@ -1,0 +1,209 @@
+#include "platform/udp/udp_cast_client.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/udp/memory_stream.h"
+#include "platform/udp/udp_cast_server.h"
+#include "tests/platform/udp/udp_test_util.h"
+
+extern char** environ;
+
+namespace kelo {
+namespace {
+
+constexpr char kGroup[] = "224.0.0.88";
+// How long a query listens when answers are expected at once: generous for slow builds.
+constexpr int kAnswerWindowMs = 2000;
+
+// A udp_cast_peer process serving a group and port until it is stopped.
+class PeerProcess {
+ public:
+  PeerProcess(const std::string& group, int port, const std::string& name) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    const std::string port_text = std::to_string(port);
+    std::vector<char*> argv = {const_cast<char*>(KELO_UDP_CAST_PEER), const_cast<char*>(group.c_str()),
+                               const_cast<char*>(port_text.c_str()), const_cast<char*>(name.c_str()),
+                               nullptr};
+    if (posix_spawn(&pid_, KELO_UDP_CAST_PEER, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    stdin_ = in[1];
+    stdout_ = out[0];
+  }
+
+  ~PeerProcess() { Stop(); }
+
+  // Whether the peer said it joined its group within `timeout_ms`.
+  bool WaitReady(int timeout_ms = testing_udp::kWaitMs) {
+    std::string said;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (said.find("ready\n") == std::string::npos) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      pollfd fd = {stdout_, POLLIN, 0};
+      if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) <= 0) return false;
+      char chunk[64];
+      const ssize_t n = read(stdout_, chunk, sizeof(chunk));
+      if (n <= 0) return false;
+      said.append(chunk, static_cast<size_t>(n));
+    }
+    return true;
+  }
+
+  // Closes the peer's input and returns its exit status (-1 when it did not exit normally).
+  int Stop() {
+    if (pid_ <= 0) return -1;
+    close(stdin_);
+    close(stdout_);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int stdin_ = -1;
+  int stdout_ = -1;
+};
+
+std::string ReadName(const UdpCastClient::Reply& reply) {
+  MemoryStream body(reply.body);
+  std::string name;
+  return body.read_string(&name) ? name : "<unreadable>";
+}
+
+TEST(UdpCastClientTest, EveryServerOfTheGroupAnswersOneQueryWhateverProcessItLivesIn) {
+  PeerProcess a(kGroup, 28101, "peer-a"), b(kGroup, 28101, "peer-b");
+  ASSERT_TRUE(a.WaitReady());
+  ASSERT_TRUE(b.WaitReady());
+  UdpCastServer local(kGroup, 28101);
+  local.register_callback("who", [&local](const std::string& peer, int port, UdpMessage& m) {
+    UdpMessage reply = m.create_recv("who_recv");
+    reply.write_string("local");
+    local.send_data(peer, port, reply);
+  });
+
+  UdpCastClient client;
+  const std::vector<UdpCastClient::Reply> replies = client.query(kGroup, 28101, "who", "", "who_recv", 3000);
+  EXPECT_EQ(client.error(), "");
+  std::multiset<std::string> names;
+  std::set<int> ports;
+  for (const UdpCastClient::Reply& r : replies) {
+    names.insert(ReadName(r));
+    ports.insert(r.port);
+    EXPECT_EQ(r.peer, "127.0.0.1");
+  }
+  EXPECT_EQ(names, (std::multiset<std::string>{"local", "peer-a", "peer-b"}));
+  EXPECT_EQ(ports.size(), 3u);
+  EXPECT_EQ(ports.count(local.endpoint_port()), 1u);
+  EXPECT_EQ(a.Stop(), 0);
+  EXPECT_EQ(b.Stop(), 0);
+}
+
+TEST(UdpCastClientTest, WithNobodyListeningAQueryWaitsItsWholeTimeoutAndFindsNothing) {
+  UdpCastClient client;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(client.query(kGroup, 28102, "who", "anyone?", "who_recv", 300).empty());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+  EXPECT_EQ(client.error(), "");
+}
+
+TEST(UdpCastClientTest, OnlyAnswersToThisVeryQueryUnderTheReplyKeyAreCollected) {
+  UdpCastServer server(kGroup, 28103);
+  server.register_callback("ask", [&server](const std::string& peer, int port, UdpMessage& m) {
+    UdpMessage answer = m.create_recv("ask_recv");
+    answer.write_string(m.body());
+    server.send_data(peer, port, answer);
+    server.send_data(peer, port, UdpMessage("ask_recv", "unsolicited"));  // answers nothing
+    server.send_data(peer, port, m.create_recv("other"));
+  });
+  UdpCastClient client;
+  const std::vector<UdpCastClient::Reply> replies =
+      client.query(kGroup, 28103, "ask", "the question", "ask_recv", kAnswerWindowMs);
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_EQ(ReadName(replies[0]), "the question");
+  EXPECT_EQ(client.stats().unhandled_messages, 2u);
+}
+
+TEST(UdpCastClientTest, LateAnswersToAnEarlierQueryAreNotTakenForAnswersToTheNextOne) {
+  UdpCastServer server(kGroup, 28104);
+  server.register_callback("slow", [&server](const std::string& peer, int port, UdpMessage& m) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    UdpMessage answer = m.create_recv("slow_recv");
+    answer.write_string(m.body());
+    server.send_data(peer, port, answer);
+  });
+  UdpCastClient client;
+  // The answer cannot come before 700 ms.
+  EXPECT_TRUE(client.query(kGroup, 28104, "slow", "first", "slow_recv", 200).empty());
+  const std::vector<UdpCastClient::Reply> replies =
+      client.query(kGroup, 28104, "slow", "second", "slow_recv", 5000);
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_EQ(ReadName(replies[0]), "second");
+  EXPECT_EQ(client.stats().unhandled_messages, 1u);
+}
+
+TEST(UdpCastClientTest, LargeAnswersArriveWhole) {
+  std::string big(3 << 20, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
+  UdpCastServer server(kGroup, 28105);
+  server.register_callback("dump", [&](const std::string& peer, int port, UdpMessage& m) {
+    UdpMessage answer = m.create_recv("dump_recv");
+    answer.write_string(big);
+    server.send_data(peer, port, answer);
+  });
+  UdpCastClient client;
+  const std::vector<UdpCastClient::Reply> replies =
+      client.query(kGroup, 28105, "dump", "", "dump_recv", 3000);
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_TRUE(ReadName(replies[0]) == big);
+  EXPECT_EQ(client.dropped_datagrams(), 0u);
+}
+
+TEST(UdpCastClientTest, AQueryThatCannotBeSentSaysWhy) {
+  struct Case {
+    std::string interface_name, group;
+    int port;
+    std::string reason;
+  };
+  const std::vector<Case> cases = {
+      {"lo", "not-an-address", 28106, "not an IPv4 address"},
+      {"lo", kGroup, 0, "out of range"},
+      {"lo", "192.0.2.1", 28106, "off this host"},
+      {"nosuchif0", kGroup, 28106, "no network interface named \"nosuchif0\""},
+  };
+  for (const Case& c : cases) {
+    UdpCastOptions options;
+    options.interface_name = c.interface_name;
+    UdpCastClient client(options);
+    EXPECT_TRUE(client.query(c.group, c.port, "k", "", "k_recv", 100).empty());
+    EXPECT_NE(client.error().find(c.reason), std::string::npos) << client.error();
+  }
+  UdpCastOptions options;
+  UdpCastClient client(options);
+  EXPECT_TRUE(client.query(kGroup, 28106, "k", std::string(9 << 20, 'x'), "k_recv", 100).empty());
+  EXPECT_NE(client.error().find("too large"), std::string::npos) << client.error();
+}
+
+}  // namespace
+}  // namespace kelo

@@ -1,0 +1,34 @@
+#!/bin/sh
+# Runs a command in a private network namespace that has nothing but loopback, so a test
+# can use UDP (multicast included) without a datagram leaving this machine, and tests
+# running side by side never share a port. The command's exit code is passed through.
+#
+#   tests/run_in_netns.sh build/dev/tests/udp_cast_server_test --gtest_filter=...
+#
+# Needs root, or unprivileged user namespaces (then the caller is root inside only).
+set -eu
+
+inside_marker=--kelo-inside-private-netns
+
+if [ "$#" -eq 0 ] || [ "$1" = "$inside_marker" -a "$#" -eq 1 ]; then
+  echo "usage: $0 command [args...]" >&2
+  exit 2
+fi
+
+if [ "$1" != "$inside_marker" ]; then
+  if ! command -v unshare >/dev/null 2>&1; then
+    echo "$0: unshare (util-linux) is needed to isolate the test's network" >&2
+    exit 1
+  fi
+  if [ "$(id -u)" -eq 0 ]; then
+    exec unshare --net -- /bin/sh "$0" "$inside_marker" "$@"
+  fi
+  exec unshare --net --map-root-user -- /bin/sh "$0" "$inside_marker" "$@"
+fi
+shift
+
+ip link set lo up
+ip link set lo multicast on
+# Multicast sent without a chosen interface follows the routes: keep it on loopback.
+ip route replace 224.0.0.0/4 dev lo
+exec "$@"
