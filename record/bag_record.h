@@ -1,14 +1,42 @@
 #ifndef KELO_RECORD_BAG_RECORD_H_
 #define KELO_RECORD_BAG_RECORD_H_
 
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "proto/bag_record_monitor.pb.h"
+#include "record/bag_record_writer.h"
 
 namespace kelo {
 
+class BagRecordOpt;
+class KeloThreadSpin;
+class Output;
+class ToolsModuleOutput;
+class UdpCastServer;
+class UdpMessage;
+
 // The recorder: takes the messages an embedding tool receives, from any number of threads,
 // and writes them to bag files on a save thread of its own.
+//
+//   BagRecord record("car7", "/data/rec/", 60);   // prints "save to file: ..."
+//   record.Start();
+//   record.AppendMessage(time_ms, "/lidar", "PointCloud", payload);   // any thread
+//   record.Stop();                                // completes the last file
+//
+// Messages wait in a queue of at most kMaxPendingMessages; when the disk falls behind, the
+// oldest is dropped and reported. Every report goes through output(). While it exists, the
+// recorder answers "record_monitor" queries on the multicast group 224.0.0.88:2801 with a
+// BagRecordMonitor snapshot under "record_monitor_recv".
 class BagRecord {
  public:
   // One received message, as the statistics see it.
@@ -42,6 +70,108 @@ class BagRecord {
     double time_span_;
     std::deque<MessageInfo> infos_;
   };
+
+  // Statistics of one topic. The details are never filled by the recorder; the monitor
+  // reports detail_1 and detail_2 as they are.
+  struct TopicInfo {
+    std::string detail_0;
+    std::string detail_1;
+    std::string detail_2;
+    int32_t count = 0;  // AppendMessage calls taken while running, empty payloads included
+    MessageInfoQueue info_queue;
+  };
+
+  static constexpr size_t kMaxPendingMessages = 1000;
+
+  static constexpr char kMonitorGroup[] = "224.0.0.88";
+  static constexpr int kMonitorPort = 2801;
+
+  // Completes the node name and the output file name (see BagRecordOpt), opens the first
+  // bag file, printing "save to file: <name>", and begins answering monitor queries.
+  // Nothing is recorded before Start().
+  BagRecord(const std::string& node_name, const std::string& output, long split_time);
+  // Stops answering monitor queries (waiting for one being answered), stops (completing the
+  // current file), prints "record exit" and discards messages still queued. Waits for
+  // AppendMessage calls in progress on other threads.
+  ~BagRecord();
+
+  BagRecord(const BagRecord&) = delete;
+  BagRecord& operator=(const BagRecord&) = delete;
+
+  // Starts the save thread "bag_rec_save" and returns once it runs; does nothing while
+  // running. Resets the drop count and the recording start time. Start/Stop may be called
+  // from any thread; they are serialised.
+  void Start();
+  // Stops the save thread after the message it is writing and completes the current file;
+  // the rest of the batch being written is discarded, messages still queued stay for a
+  // later Start(). Does nothing when not running. Called from the save thread itself (from
+  // an on-save callback), it only asks the thread to stop.
+  void Stop();
+
+  // Takes one received message; `time` is its own stamp in milliseconds. Ignored unless
+  // running. The first message of a topic declares the topic (with this message's type) to
+  // the bag file. An empty payload is reported and counted but not written. May be called
+  // from any number of threads at once; never waits for the disk.
+  void AppendMessage(long time, const std::string& topic, const std::string& type, const std::string& data);
+
+  // A snapshot of the recording: names, time since the last Start(), queue length, drops,
+  // and rates and totals for all topics and for each topic in ascending name order. It
+  // belongs to the caller. May be called from any thread at any time.
+  std::shared_ptr<tools::interactive::BagRecordMonitor> GetRecordMonitor();
+
+  // Answers a monitor query: sends GetRecordMonitor(), serialised, under
+  // "record_monitor_recv" to `peer`:`port`. Called on the multicast server's thread.
+  void RecordMonitor(const std::string& peer, int port, UdpMessage& message);
+
+  // The channel every report goes through; install sinks here. Belongs to the recorder.
+  ToolsModuleOutput* output();
+
+  // The settings in use (node name and file name completed). Belongs to the recorder.
+  const BagRecordOpt& options() const { return *opt_; }
+
+ private:
+  BagRecordWriter* CreateWriter();
+  void SaveMessage();
+  void SaveThreadMain();
+
+  // What the monitor callback registered on the shared server reaches. The server keeps the
+  // callback after the recorder is gone, so the destructor cuts the link (waiting for a
+  // query being answered) and later queries find no recorder.
+  struct MonitorLink {
+    std::mutex mutex;
+    BagRecord* record = nullptr;
+  };
+
+  BagRecordOpt* opt_;
+  UdpCastServer* cast_server_;  // shared, never freed by the recorder
+  BagRecordWriter* writer_;
+  Output* output_;
+  std::deque<BagRecordWriter::Message>* messages_;
+  std::atomic<bool> running_;
+  std::set<std::string> registered_topics_;
+  std::atomic<int64_t> start_time_;  // ms of the last Start(); 0 before the first
+  std::atomic<int32_t> drop_count_;  // messages dropped since the last Start()
+  std::thread save_thread_;
+  std::map<std::string, TopicInfo> topic_infos_;
+  MessageInfoQueue total_info_;
+  KeloThreadSpin* queue_lock_;  // messages_
+  KeloThreadSpin* info_lock_;   // topic_infos_, total_info_
+
+  // Mirrors messages_->size(), for readers that must not take queue_lock_.
+  std::atomic<size_t> pending_count_;
+  // registered_topics_, held across the declaration to the writer so that a topic is
+  // declared once and before any of its messages can reach the writer.
+  std::mutex topics_mutex_;
+  // Serialises Start, Stop and destruction.
+  std::mutex lifecycle_mutex_;
+  // Start() waits here for the save thread to report that it runs.
+  std::mutex started_mutex_;
+  std::condition_variable started_;
+  bool save_thread_started_;
+  std::atomic<std::thread::id> save_thread_id_;
+  // AppendMessage calls in progress; destruction waits for them.
+  std::atomic<int> appends_in_flight_;
+  std::shared_ptr<MonitorLink> monitor_link_;
 };
 
 }  // namespace kelo

@@ -1,0 +1,257 @@
+#include "record/bag_record.h"
+
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "output/tools_module_output.h"
+#include "platform/fileio/file_path.h"
+#include "platform/thread/kelo_thread_locker.h"
+#include "platform/thread/kelo_thread_spin.h"
+#include "platform/udp/udp_cast_manager.h"
+#include "platform/udp/udp_cast_server.h"
+#include "platform/udp/udp_message.h"
+#include "record/bag_record_options.h"
+
+namespace kelo {
+
+namespace {
+
+// Milliseconds since the epoch, as the recorder stamps everything it takes in.
+int64_t ToMs(const struct timeval& tv) { return static_cast<int64_t>(tv.tv_sec * 1000 + tv.tv_usec / 1000.0); }
+
+int64_t WallClockMs() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return ToMs(now);
+}
+
+// The counters are 32-bit and wrap like the unsigned arithmetic underneath, never
+// overflowing into undefined behaviour.
+int32_t WrappingIncrement(int32_t value) {
+  return static_cast<int32_t>(static_cast<uint32_t>(value) + 1u);
+}
+
+constexpr useconds_t kIdleSleepUs = 10000;
+
+// Greeting texts of the monitor protocol's peers; a recorder answers queries without any
+// greeting, so they are not sent.
+[[maybe_unused]] const char FIND_ME[] = "WHOIS";
+[[maybe_unused]] const char SAY_HI[] = "IAM";
+
+void FillMessageInfo(const BagRecord::MessageInfoQueue& queue, tools::interactive::BagRecordMessageInfo* info) {
+  info->set_freq(queue.freq());
+  info->set_pre_bytes(queue.pre_bytes());
+  info->set_total_bytes(queue.total_bytes());
+}
+
+}  // namespace
+
+constexpr char BagRecord::kMonitorGroup[];
+constexpr int BagRecord::kMonitorPort;
+
+BagRecord::BagRecord(const std::string& node_name, const std::string& output, long split_time)
+    : opt_(new BagRecordOpt()),
+      cast_server_(UdpCastManager::GetCastServer(kMonitorGroup, kMonitorPort)),
+      writer_(nullptr),
+      output_(new Output()),
+      messages_(new std::deque<BagRecordWriter::Message>()),
+      running_(false),
+      start_time_(0),
+      drop_count_(0),
+      queue_lock_(new KeloThreadSpin()),
+      info_lock_(new KeloThreadSpin()),
+      pending_count_(0),
+      save_thread_started_(false),
+      save_thread_id_(std::thread::id()),
+      appends_in_flight_(0),
+      monitor_link_(std::make_shared<MonitorLink>()) {
+  opt_->node_name = node_name;
+  opt_->output = output;
+  opt_->split_time = split_time;
+  opt_->update_node_name();
+  opt_->update_file_name();
+  writer_ = CreateWriter();
+  monitor_link_->record = this;
+  std::shared_ptr<MonitorLink> link = monitor_link_;
+  cast_server_->register_callback("record_monitor", [link](const std::string& peer, int port, UdpMessage& message) {
+    std::lock_guard<std::mutex> hold(link->mutex);
+    if (link->record != nullptr) link->record->RecordMonitor(peer, port, message);
+  });
+}
+
+BagRecord::~BagRecord() {
+  {
+    std::lock_guard<std::mutex> hold(monitor_link_->mutex);
+    monitor_link_->record = nullptr;
+  }
+  Stop();
+  while (appends_in_flight_.load() != 0) std::this_thread::yield();
+  output_->print_messagel("record exit", true);
+  delete opt_;
+  delete writer_;
+  delete output_;
+  delete messages_;
+  delete info_lock_;
+  delete queue_lock_;
+}
+
+ToolsModuleOutput* BagRecord::output() { return output_; }
+
+std::shared_ptr<tools::interactive::BagRecordMonitor> BagRecord::GetRecordMonitor() {
+  const int64_t now_ms = WallClockMs();
+  auto monitor = std::make_shared<tools::interactive::BagRecordMonitor>();
+  monitor->set_node_name(opt_->node_name);
+  monitor->set_file_name(opt_->output);
+  monitor->set_record_time(static_cast<double>(now_ms - start_time_.load()) * 0.001);
+  monitor->set_queue_size(static_cast<int32_t>(pending_count_.load(std::memory_order_relaxed)));
+  monitor->set_drop_count(drop_count_.load(std::memory_order_relaxed));
+  // The rates are O(1) reads of the histories, so they are taken under the statistics lock
+  // instead of copying up to 5000 records per topic.
+  KeloThreadLocker hold(info_lock_);
+  FillMessageInfo(total_info_, monitor->mutable_message_info());
+  for (const auto& [name, info] : topic_infos_) {
+    tools::interactive::BagRecordTopicInfo* topic = monitor->add_topic_info();
+    topic->set_topic_name(name);
+    topic->set_detail_1(info.detail_1);
+    topic->set_detail_2(info.detail_2);
+    topic->set_message_count(info.count);
+    FillMessageInfo(info.info_queue, topic->mutable_message_info());
+  }
+  return monitor;
+}
+
+void BagRecord::RecordMonitor(const std::string& peer, int port, UdpMessage& message) {
+  std::shared_ptr<tools::interactive::BagRecordMonitor> monitor = GetRecordMonitor();
+  std::string body;
+  monitor->SerializeToString(&body);
+  UdpMessage reply = message.create_recv("record_monitor_recv");
+  reply.write_string(body);
+  cast_server_->send_data(peer, port, reply);
+}
+
+BagRecordWriter* BagRecord::CreateWriter() {
+  output_->print_format("save to file: %s\n", opt_->output.c_str());
+  fileio::FilePath path(opt_->output);
+  BagRecordWriter* writer = new BagRecordActual(*opt_, path);
+  std::string text = "split bag";
+  writer->set_on_save([text, this](const std::string& file) {
+    output_->print_format("%s: %s\n", text.c_str(), file.c_str());
+  });
+  return writer;
+}
+
+void BagRecord::Start() {
+  std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+  if (running_) return;
+  start_time_ = WallClockMs();
+  drop_count_ = 0;
+  // A save thread stopped from inside itself has ended (or is ending) on its own.
+  if (save_thread_.joinable()) save_thread_.join();
+  save_thread_ = std::thread(&BagRecord::SaveThreadMain, this);
+  std::unique_lock<std::mutex> wait(started_mutex_);
+  started_.wait(wait, [this] { return save_thread_started_; });
+  save_thread_started_ = false;
+}
+
+void BagRecord::Stop() {
+  if (std::this_thread::get_id() == save_thread_id_.load()) {
+    running_ = false;  // the save thread cannot join itself; it ends after this message
+    return;
+  }
+  std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+  running_ = false;
+  // Also reaps a save thread that was stopped from inside itself.
+  if (save_thread_.joinable()) save_thread_.join();
+}
+
+void BagRecord::SaveThreadMain() {
+  save_thread_id_ = std::this_thread::get_id();
+  {
+    std::lock_guard<std::mutex> hold(started_mutex_);
+    running_ = true;
+    save_thread_started_ = true;
+  }
+  started_.notify_all();
+  pthread_setname_np(pthread_self(), (std::string("bag_rec_") + "save").c_str());
+  output_->print_messagel("save thread running", true);
+  SaveMessage();
+  writer_->close();
+  output_->print_messagel("save thread exit", true);
+  save_thread_id_ = std::thread::id();
+}
+
+void BagRecord::SaveMessage() {
+  while (running_) {
+    if (pending_count_.load(std::memory_order_relaxed) == 0) {
+      usleep(kIdleSleepUs);
+      continue;
+    }
+    std::deque<BagRecordWriter::Message> batch;
+    {
+      KeloThreadLocker hold(queue_lock_);
+      messages_->swap(batch);
+      pending_count_.store(0, std::memory_order_relaxed);
+    }
+    while (!batch.empty()) {
+      if (!running_) break;
+      writer_->save_message(batch.front());
+      batch.pop_front();
+    }
+  }
+}
+
+void BagRecord::AppendMessage(long time, const std::string& topic, const std::string& type,
+                              const std::string& data) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  appends_in_flight_.fetch_add(1);
+  struct InFlight {
+    std::atomic<int>* count;
+    ~InFlight() { count->fetch_sub(1); }
+  } in_flight{&appends_in_flight_};
+
+  if (!running_) return;
+
+  {
+    std::lock_guard<std::mutex> hold(topics_mutex_);
+    if (registered_topics_.insert(topic).second) writer_->append_topic(topic, type);
+  }
+
+  const int64_t record_ms = ToMs(now);
+  if (data.empty()) {
+    output_->print_format("error message data. topic name: %s\n", topic.c_str());
+  } else {
+    BagRecordWriter::Message message;
+    message.time = time;
+    message.record_time = record_ms;
+    message.topic = topic;
+    message.type = type;
+    message.data = data;
+    if (running_) {
+      KeloThreadLocker hold(queue_lock_);
+      messages_->push_back(std::move(message));
+      while (messages_->size() > kMaxPendingMessages) {
+        messages_->pop_front();
+        int32_t dropped = WrappingIncrement(drop_count_.load(std::memory_order_relaxed));
+        drop_count_.store(dropped, std::memory_order_relaxed);
+        output_->print_format("AppendMessage buffer exceeded and dropping oldest queued message. count = %3d\n",
+                              dropped);
+      }
+      pending_count_.store(messages_->size(), std::memory_order_relaxed);
+    }
+  }
+
+  MessageInfo info;
+  info.time = record_ms * 0.001;
+  info.bytes = data.size();
+  KeloThreadLocker hold(info_lock_);
+  TopicInfo& topic_info = topic_infos_[topic];
+  topic_info.count = WrappingIncrement(topic_info.count);
+  topic_info.info_queue.append(info);
+  total_info_.append(info);
+}
+
+}  // namespace kelo

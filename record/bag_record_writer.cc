@@ -1,0 +1,85 @@
+#include "record/bag_record_writer.h"
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <iostream>
+#include <sstream>
+#include <utility>
+
+#include "platform/bag/bag_writer.h"
+#include "platform/fileio/file_path.h"
+#include "record/bag_record_options.h"
+
+namespace kelo {
+
+namespace {
+
+int64_t WallClockMs() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<int64_t>(now.tv_sec * 1000 + now.tv_usec / 1000.0);
+}
+
+}  // namespace
+
+BagRecordWriter::BagRecordWriter() : writer_(nullptr), debug_save_time_(false) {}
+
+BagRecordWriter::~BagRecordWriter() { delete writer_; }
+
+void BagRecordWriter::set_on_save(std::function<void(const std::string&)> on_save) {
+  {
+    std::lock_guard<std::mutex> hold(on_save_mutex_);
+    on_save_.swap(on_save);
+  }
+  // The previous callable is destroyed here, outside the lock.
+}
+
+void BagRecordWriter::append_topic(const std::string& name, const std::string& type) {
+  writer_->append_topic(name, type);
+}
+
+void BagRecordWriter::close() { writer_->close(); }
+
+void BagRecordWriter::debug_save_time() { debug_save_time_ = true; }
+
+void BagRecordWriter::save(const std::string& name) {
+  int64_t start_ms = WallClockMs();
+  std::string saved = writer_->save_file(name);
+  if (saved.empty()) return;
+  if (debug_save_time_) {
+    std::cout << "save time: " << (WallClockMs() - start_ms) << "ms" << std::endl;
+  }
+  std::function<void(const std::string&)> on_save;
+  {
+    std::lock_guard<std::mutex> hold(on_save_mutex_);
+    on_save = on_save_;
+  }
+  if (on_save) on_save(saved);
+}
+
+BagRecordActual::BagRecordActual(const BagRecordOpt& opt, const fileio::FilePath& path)
+    : split_time_(opt.split_time), split_start_time_(0), split_index_(0) {
+  writer_ = new BagWriter(path);
+  writer_->open(split_time_ >= 1 ? "0" : "");
+}
+
+BagRecordActual::~BagRecordActual() = default;
+
+void BagRecordActual::save_message(const Message& msg) {
+  const long t = msg.time;
+  if (split_start_time_ == 0) {
+    split_start_time_ = t;
+  } else if (split_time_ >= 1 &&
+             static_cast<int64_t>(static_cast<uint64_t>(t) - static_cast<uint64_t>(split_start_time_)) >
+                 static_cast<int64_t>(static_cast<uint64_t>(split_time_) * 1000u)) {
+    ++split_index_;
+    std::ostringstream index;
+    index << split_index_;
+    save(index.str());
+    split_start_time_ = t;
+  }
+  writer_->append_message(t, msg.record_time, msg.topic, msg.data, msg.type);
+}
+
+}  // namespace kelo

@@ -1,0 +1,102 @@
+#ifndef KELO_RECORD_BAG_RECORD_WRITER_H_
+#define KELO_RECORD_BAG_RECORD_WRITER_H_
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace kelo {
+
+class BagRecordOpt;
+class BagWriter;
+namespace fileio {
+class FilePath;
+}
+
+// The sink into which the recorder's save thread pours messages. It owns one bag file
+// writer; each concrete writer decides what a message does to the file (BagRecordActual
+// splits by message time, BagRecordTrigger saves windows around trigger events), and every
+// completed file is reported to the on-save callback.
+//
+//   BagRecordActual writer(opt, fileio::FilePath(opt.output));
+//   writer.set_on_save([](const std::string& done) { ... });
+//   writer.save_message(message);   // save thread only
+//   writer.close();
+class BagRecordWriter {
+ public:
+  // One queued message. Times are milliseconds: `time` is the message's own stamp (the split
+  // rule runs on it), `record_time` the wall-clock time at which the recorder accepted it.
+  struct Message {
+    long time = 0;
+    long record_time = 0;
+    std::string topic;
+    std::string type;
+    std::string data;
+  };
+
+  BagRecordWriter();
+  // Deletes the bag file writer without completing its file (call close() for that).
+  virtual ~BagRecordWriter();
+
+  BagRecordWriter(const BagRecordWriter&) = delete;
+  BagRecordWriter& operator=(const BagRecordWriter&) = delete;
+
+  // Installs the callback that receives the name of each completed file (not of the file
+  // completed by close()). It runs on the thread that completed the file. May be called
+  // from any thread, also while files are being completed.
+  void set_on_save(std::function<void(const std::string&)> on_save);
+
+  // Declares a topic to the bag file. May be called from any thread, also while
+  // save_message runs on another.
+  void append_topic(const std::string& name, const std::string& type);
+
+  // Writes one message. Only from one thread at a time (the recorder's save thread).
+  virtual void save_message(const Message& msg) = 0;
+
+  // Completes the current file without reporting it to the on-save callback.
+  void close();
+
+  // From now on, every completed file also prints "save time: <ms>ms" on standard output.
+  // There is no way back. May be called from any thread.
+  void debug_save_time();
+
+ protected:
+  // Completes the current file through the bag writer's save_file(name); when that returns
+  // a file name, prints the time it took (when asked to) and reports the name.
+  void save(const std::string& name);
+
+  // Created by the concrete writer's constructor; owned.
+  BagWriter* writer_;
+
+ private:
+  // Read on the thread that completes a file (the trigger service's, in trigger mode) while
+  // the embedding tool may set them: guarded.
+  std::mutex on_save_mutex_;
+  std::function<void(const std::string&)> on_save_;
+  std::atomic<bool> debug_save_time_;
+};
+
+// Continuous recording: every message goes into the current file at once, and when a split
+// period is set, the file is completed and the next part begun as soon as message time has
+// moved more than the period past the first message of the part.
+class BagRecordActual : public BagRecordWriter {
+ public:
+  // Opens the first file at `path`: part "0" when opt.split_time >= 1, otherwise a single
+  // file with no part index.
+  BagRecordActual(const BagRecordOpt& opt, const fileio::FilePath& path);
+  ~BagRecordActual() override;
+
+  // Splits when split_time >= 1 and time − start of part > split_time × 1000 (strictly), so
+  // the message that splits is the first of the new part; time going backwards never splits.
+  void save_message(const Message& msg) override;
+
+ private:
+  const long split_time_;
+  long split_start_time_;  // time of the part's first message; 0 before any message
+  int split_index_;        // parts completed so far
+};
+
+}  // namespace kelo
+
+#endif  // KELO_RECORD_BAG_RECORD_WRITER_H_

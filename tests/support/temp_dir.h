@@ -1,0 +1,55 @@
+#ifndef KELO_TESTS_SUPPORT_TEMP_DIR_H_
+#define KELO_TESTS_SUPPORT_TEMP_DIR_H_
+
+#include <dirent.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace kelo {
+namespace testing_support {
+
+// A fresh directory for one test, removed with everything in it afterwards.
+class TempDir {
+ public:
+  TempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/kelo_test_XXXXXX";
+    char* made = mkdtemp(&pattern[0]);
+    EXPECT_NE(made, nullptr);
+    path_ = pattern;
+  }
+  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  // The names in the directory, sorted.
+  std::vector<std::string> List() const {
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(path_.c_str())) {
+      while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+      }
+      closedir(dir);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace testing_support
+}  // namespace kelo
+
+#endif  // KELO_TESTS_SUPPORT_TEMP_DIR_H_
