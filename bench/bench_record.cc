@@ -3,7 +3,12 @@
 //             threads, each paced below the rate the save thread sustains.
 //   intake    the highest rate of a ladder that 10 s of 100 B, 10 KB and 1 MB messages
 //             pass without a single drop, next to what the bag writer alone reaches.
-// Usage: bench_record [latency|intake|all] [--dir DIR] [--seconds S]
+//   monitor   monitor query round trip with 10 and 1000 topics while one thread feeds the
+//             recorder as fast as it can, and that thread's rate with a query every 10 ms
+//             against none.
+// The recorder opens the monitor's multicast server: run it in a private network namespace,
+//   tests/run_in_netns.sh build/release/bench/bench_record all
+// Usage: bench_record [latency|intake|monitor|all] [--dir DIR] [--seconds S]
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -23,6 +28,7 @@
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
 #include "record/bag_record.h"
+#include "record/record_monitor_client.h"
 
 namespace {
 
@@ -180,6 +186,84 @@ void Intake() {
   ClearDir();
 }
 
+// AppendMessage calls per second of one thread feeding `record` flat out for `seconds`,
+// spread over `topics` topics.
+double FeedFlatOut(kelo::BagRecord* record, int topics, double seconds, std::atomic<bool>* stop_early) {
+  const std::string payload(100, 'x');
+  std::vector<std::string> names;
+  for (int t = 0; t < topics; ++t) names.push_back("/monitor/" + std::to_string(t));
+  long calls = 0;
+  auto start = Clock::now();
+  double elapsed = 0;
+  while ((elapsed = std::chrono::duration<double>(Clock::now() - start).count()) < seconds &&
+         !(stop_early != nullptr && *stop_early)) {
+    for (int i = 0; i < 64; ++i, ++calls) record->AppendMessage(NowMs(), names[calls % topics], "bench.M", payload);
+  }
+  return calls / elapsed;
+}
+
+void Monitor() {
+  std::printf("\nMonitor query round trip while one thread feeds the recorder flat out\n");
+  std::printf("%8s %10s %10s %10s %8s\n", "topics", "median_us", "p99_us", "max_us", "answered");
+  for (int topics : {10, 1000}) {
+    ClearDir();
+    std::vector<double> round_trips;
+    {
+      MuteStdout mute;
+      kelo::BagRecord record("bench", g_dir + "/monitor", 0);
+      Quiet quiet(&record);
+      record.Start();
+      std::atomic<bool> stop{false};
+      std::thread feeder([&] { FeedFlatOut(&record, topics, 1e9, &stop); });
+      usleep(200000);
+      kelo::RecordMonitorClient client;
+      for (int q = 0; q < 200; ++q) {
+        auto before = Clock::now();
+        size_t answers = client.Query(1000, 1).size();
+        double us = std::chrono::duration<double, std::micro>(Clock::now() - before).count();
+        if (answers == 1) round_trips.push_back(us);
+        usleep(5000);
+      }
+      stop = true;
+      feeder.join();
+      record.Stop();
+    }
+    const size_t answered = round_trips.size();
+    std::sort(round_trips.begin(), round_trips.end());
+    if (round_trips.empty()) round_trips.push_back(0);
+    std::printf("%8d %10.0f %10.0f %10.0f %5zu/200\n", topics, round_trips[round_trips.size() / 2],
+                round_trips[round_trips.size() * 99 / 100], round_trips.back(), answered);
+  }
+
+  std::printf("\nIntake with a query every 10 ms against none (100 B, 10 topics, %.0f s each)\n", g_seconds);
+  double rates[2] = {0, 0};
+  for (int with_queries = 0; with_queries < 2; ++with_queries) {
+    ClearDir();
+    MuteStdout mute;
+    kelo::BagRecord record("bench", g_dir + "/monitor", 0);
+    Quiet quiet(&record);
+    record.Start();
+    std::atomic<bool> stop{false};
+    std::thread asker;
+    if (with_queries) {
+      asker = std::thread([&] {
+        kelo::RecordMonitorClient client;
+        while (!stop) {
+          client.Query(1000, 1);
+          usleep(10000);
+        }
+      });
+    }
+    rates[with_queries] = FeedFlatOut(&record, 10, g_seconds, nullptr);
+    stop = true;
+    if (asker.joinable()) asker.join();
+    record.Stop();
+  }
+  std::printf("%14s %14s %8s\n", "calls/s none", "calls/s query", "ratio");
+  std::printf("%14.0f %14.0f %8.3f\n", rates[0], rates[1], rates[1] / rates[0]);
+  ClearDir();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -190,5 +274,6 @@ int main(int argc, char** argv) {
   }
   if (mode == "latency" || mode == "all") Latency();
   if (mode == "intake" || mode == "all") Intake();
+  if (mode == "monitor" || mode == "all") Monitor();
   return 0;
 }

@@ -10,10 +10,10 @@ RecordMonitorClient::RecordMonitorClient() : RecordMonitorClient(BagRecord::kMon
 
 RecordMonitorClient::RecordMonitorClient(const std::string& group, int port) : group_(group), port_(port) {}
 
-std::vector<RecordMonitorClient::Reply> RecordMonitorClient::Query(int timeout_ms) {
+std::vector<RecordMonitorClient::Reply> RecordMonitorClient::Query(int timeout_ms, size_t expected) {
   UdpCastClient client;
   std::vector<UdpCastClient::Reply> answers =
-      client.query(group_, port_, "record_monitor", "", "record_monitor_recv", timeout_ms);
+      client.query(group_, port_, "record_monitor", "", "record_monitor_recv", timeout_ms, expected);
   error_ = client.error();
   malformed_ = 0;
   std::vector<Reply> replies;

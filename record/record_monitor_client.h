@@ -28,10 +28,10 @@ class RecordMonitorClient {
   RecordMonitorClient(const std::string& group, int port);
 
   // Sends one "record_monitor" query and returns, after `timeout_ms`, the snapshot of every
-  // recorder that answered, in the order they arrived. Answers that do not parse are left
-  // out and counted in malformed(). Returns no replies when the query could not be sent;
-  // error() then says why.
-  std::vector<Reply> Query(int timeout_ms);
+  // recorder that answered, in the order they arrived; sooner once `expected` recorders
+  // answered, when it is not 0. Answers that do not parse are left out and counted in
+  // malformed(). Returns no replies when the query could not be sent; error() says why.
+  std::vector<Reply> Query(int timeout_ms, size_t expected = 0);
 
   const std::string& error() const { return error_; }
   size_t malformed() const { return malformed_; }

@@ -45,7 +45,8 @@ bool UdpCastClient::Open() {
 
 std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group, int port,
                                                        const std::string& key, const std::string& body,
-                                                       const std::string& reply_key, int timeout_ms) {
+                                                       const std::string& reply_key, int timeout_ms,
+                                                       size_t max_replies) {
   using Clock = std::chrono::steady_clock;
   std::vector<Reply> replies;
   error_.clear();
@@ -69,7 +70,7 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     const Clock::time_point now = Clock::now();
-    if (now >= deadline) break;
+    if (now >= deadline || (max_replies != 0 && replies.size() >= max_replies)) break;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
     pollfd fd = {socket_->fd(), POLLIN, 0};
     // Rounded up, so the loop never spins on a sub-millisecond remainder.
@@ -89,6 +90,7 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
         continue;
       }
       replies.push_back(Reply{FormatIpv4(from), from_port, message.body()});
+      if (max_replies != 0 && replies.size() >= max_replies) break;
     }
   }
   return replies;

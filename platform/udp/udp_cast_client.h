@@ -44,10 +44,12 @@ class UdpCastClient {
 
   // Sends a message under `key` with `body` (raw bytes) to `group`:`port` (a multicast
   // group, or one host's address) and returns, after `timeout_ms`, every answer under
-  // `reply_key` in the order they arrived, one per answering message. Returns at once
-  // with no replies when the message could not be sent; error() says why.
+  // `reply_key` in the order they arrived, one per answering message; sooner once
+  // `max_replies` answers are in, when it is not 0. Returns at once with no replies when
+  // the message could not be sent; error() says why.
   std::vector<Reply> query(const std::string& group, int port, const std::string& key,
-                           const std::string& body, const std::string& reply_key, int timeout_ms);
+                           const std::string& body, const std::string& reply_key, int timeout_ms,
+                           size_t max_replies = 0);
 
   // Why the last query could not be sent; "" when it was.
   const std::string& error() const { return error_; }

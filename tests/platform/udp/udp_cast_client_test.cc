@@ -120,6 +120,20 @@ TEST(UdpCastClientTest, EveryServerOfTheGroupAnswersOneQueryWhateverProcessItLiv
   EXPECT_EQ(b.Stop(), 0);
 }
 
+TEST(UdpCastClientTest, AQueryStopsCollectingOnceTheExpectedAnswersAreIn) {
+  UdpCastServer first(kGroup, 28106), second(kGroup, 28106);
+  for (UdpCastServer* server : {&first, &second}) {
+    server->register_callback("who", [server](const std::string& peer, int port, UdpMessage& m) {
+      UdpMessage reply = m.create_recv("who_recv");
+      reply.write_string("server");
+      server->send_data(peer, port, reply);
+    });
+  }
+  UdpCastClient client;
+  EXPECT_EQ(client.query(kGroup, 28106, "who", "", "who_recv", 60000, 1).size(), 1u);
+  EXPECT_EQ(client.query(kGroup, 28106, "who", "", "who_recv", kAnswerWindowMs, 0).size(), 2u);
+}
+
 TEST(UdpCastClientTest, WithNobodyListeningAQueryWaitsItsWholeTimeoutAndFindsNothing) {
   UdpCastClient client;
   const auto start = std::chrono::steady_clock::now();
