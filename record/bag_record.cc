@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <utility>
 
 #include "output/tools_module_output.h"
@@ -64,6 +65,7 @@ BagRecord::BagRecord(const std::string& node_name, const std::string& output, lo
       queue_lock_(new KeloThreadSpin()),
       info_lock_(new KeloThreadSpin()),
       pending_count_(0),
+      saving_batch_(false),
       save_thread_started_(false),
       save_thread_id_(std::thread::id()),
       appends_in_flight_(0),
@@ -192,15 +194,26 @@ void BagRecord::SaveMessage() {
     std::deque<BagRecordWriter::Message> batch;
     {
       KeloThreadLocker hold(queue_lock_);
+      saving_batch_ = true;  // before the queue looks empty, for Drain()
       messages_->swap(batch);
-      pending_count_.store(0, std::memory_order_relaxed);
+      pending_count_.store(0);
     }
     while (!batch.empty()) {
       if (!running_) break;
       writer_->save_message(batch.front());
       batch.pop_front();
     }
+    saving_batch_ = false;
   }
+}
+
+bool BagRecord::Drain(int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (pending_count_.load() != 0 || saving_batch_.load()) {
+    if (!running_ || std::chrono::steady_clock::now() >= deadline) return false;
+    usleep(1000);
+  }
+  return true;
 }
 
 void BagRecord::AppendMessage(long time, const std::string& topic, const std::string& type,

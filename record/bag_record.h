@@ -108,6 +108,12 @@ class BagRecord {
   // an on-save callback), it only asks the thread to stop.
   void Stop();
 
+  // Waits until every message taken so far has been handed to the writer (the queue is empty
+  // and no batch is being written), at most `timeout_ms`; returns whether it got there. A
+  // tool calls it after it stopped feeding and before Stop(), so that nothing it received
+  // is discarded. May be called from any thread but the save thread.
+  bool Drain(int timeout_ms);
+
   // Takes one received message; `time` is its own stamp in milliseconds. Ignored unless
   // running. The first message of a topic declares the topic (with this message's type) to
   // the bag file. An empty payload is reported and counted but not written. May be called
@@ -159,6 +165,8 @@ class BagRecord {
 
   // Mirrors messages_->size(), for readers that must not take queue_lock_.
   std::atomic<size_t> pending_count_;
+  // True from the moment the save thread takes a batch until it is done with it.
+  std::atomic<bool> saving_batch_;
   // registered_topics_, held across the declaration to the writer so that a topic is
   // declared once and before any of its messages can reach the writer.
   std::mutex topics_mutex_;

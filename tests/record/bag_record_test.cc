@@ -67,23 +67,6 @@ void WaitUntilStopped(BagRecord* record, ReportLog* log) {
   }
 }
 
-size_t CountCompletedMessages(const TempDir& dir) {
-  size_t count = 0;
-  for (const std::string& name : dir.List()) {
-    if (!common::util::CheckFileExtension(name, ".kelobag")) continue;
-    for (const BagMessage& message : ReadAll(dir.file(name))) count += message.topic != "/marker";
-  }
-  return count;
-}
-
-// Appends a marker message at `far_time`, far ahead of everything before it, so that the
-// part holding what came before is completed once it is written, and waits until the
-// completed files hold `expected` messages besides markers. Needs a split period.
-void FlushBySplit(BagRecord* record, const TempDir& dir, long far_time, size_t expected) {
-  record->AppendMessage(far_time, "/marker", "demo.Marker", "marker");
-  while (CountCompletedMessages(dir) < expected) usleep(2000);
-}
-
 TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrder) {
   TempDir dir;
   ReportLog log;
@@ -137,13 +120,12 @@ TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplica
       });
     }
     for (auto& thread : threads) thread.join();
-    FlushBySplit(&record, dir, 1000000, kThreads * kPerThread);
+    ASSERT_TRUE(record.Drain(60000));
     record.Stop();
   }
   std::vector<BagMessage> all = ReadDirectory(dir);
   std::map<int, std::vector<int>> per_thread;
   for (const BagMessage& message : all) {
-    if (message.topic == "/marker") continue;
     int t = -1, i = -1;
     ASSERT_EQ(sscanf(message.data.c_str(), "%d:%d", &t, &i), 2);
     EXPECT_EQ(message.topic, "/thread" + std::to_string(t));
@@ -174,43 +156,39 @@ TEST(BagRecordTest, EmptyPayloadIsReportedAndNotWritten) {
   TempDir dir;
   ReportLog log;
   {
-    BagRecord record("node", dir.file("rec"), 1);
+    BagRecord record("node", dir.file("rec"), 0);
     record.output()->set_output_string_func(log.sink());
     record.Start();
     record.AppendMessage(5, "/empty", "demo.Empty", "");
     record.AppendMessage(6, "/full", "demo.Full", "x");
-    FlushBySplit(&record, dir, 100000, 1);
+    ASSERT_TRUE(record.Drain(60000));
     record.Stop();
   }
   EXPECT_EQ(log.Count("error message data. topic name: /empty\n"), 1u);
   std::vector<BagMessage> all = ReadDirectory(dir);
-  ASSERT_EQ(all.size(), 2u);
+  ASSERT_EQ(all.size(), 1u);
   EXPECT_EQ(all[0].topic, "/full");
-  EXPECT_EQ(all[1].topic, "/marker");
 }
 
 TEST(BagRecordTest, FullQueueDropsTheOldestAndCountsFromOneAfterEachStart) {
   TempDir dir;
   ReportLog log;
-  BagRecord record("node", dir.file("rec"), 1);
+  BagRecord record("node", dir.file("rec"), 0);
   record.output()->set_output_string_func(log.sink());
 
   log.HoldOn("save thread running");  // the save thread stalls before its first pass
   record.Start();
   log.WaitUntilHeld();
-  for (int i = 1; i <= 1001; ++i) record.AppendMessage(i, "/t", "demo.T", std::to_string(i));
-  // Queued last, the marker completes the part once the save thread gets to it.
-  record.AppendMessage(100000, "/marker", "demo.Marker", "marker");
+  for (int i = 1; i <= 1002; ++i) record.AppendMessage(i, "/t", "demo.T", std::to_string(i));
   EXPECT_THAT(log.texts(), ElementsAre("save thread running", std::string(kDropLine) + "  1\n",
                                        std::string(kDropLine) + "  2\n"));
   log.Release();
-  while (CountCompletedMessages(dir) < 999) usleep(2000);
+  ASSERT_TRUE(record.Drain(60000));
   record.Stop();
 
   std::vector<BagMessage> all = ReadDirectory(dir);
   ASSERT_EQ(all.size(), 1000u);
-  for (int i = 3; i <= 1001; ++i) EXPECT_EQ(all[i - 3].data, std::to_string(i));
-  EXPECT_EQ(all.back().data, "marker");
+  for (int i = 3; i <= 1002; ++i) EXPECT_EQ(all[i - 3].data, std::to_string(i));
 
   log.HoldOn("save thread running");
   record.Start();
@@ -252,9 +230,9 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
 TEST(BagRecordTest, StartAfterStopKeepsRecordingWithoutOverwriting) {
   TempDir dir;
   ReportLog log;
-  std::set<std::string> sent;
+  std::multiset<std::string> sent;
   {
-    BagRecord record("node", dir.file("rec"), 1);
+    BagRecord record("node", dir.file("rec"), 0);
     record.output()->set_output_string_func(log.sink());
     for (long session = 1; session <= 3; ++session) {
       record.Start();
@@ -263,17 +241,30 @@ TEST(BagRecordTest, StartAfterStopKeepsRecordingWithoutOverwriting) {
         record.AppendMessage(session * 1000000 + i, "/t", "demo.T", payload);
         sent.insert(payload);
       }
-      FlushBySplit(&record, dir, session * 1000000 + 500000, session * 10);
-      sent.insert("marker");
+      ASSERT_TRUE(record.Drain(60000));
       record.Stop();
     }
   }
-  std::vector<BagMessage> all = ReadDirectory(dir);
+  EXPECT_EQ(dir.List().size(), 3u) << "each session completes a file of its own";
   std::multiset<std::string> payloads;
-  for (const BagMessage& message : all) payloads.insert(message.data);
-  EXPECT_EQ(std::set<std::string>(payloads.begin(), payloads.end()), sent);
-  EXPECT_EQ(payloads.size(), sent.size() + 2) << "nothing written twice (one marker per session)";
-  EXPECT_EQ(log.CountPrefix("split bag: "), 3u) << "a closed file is not completed again";
+  for (const BagMessage& message : ReadDirectory(dir)) payloads.insert(message.data);
+  EXPECT_EQ(payloads, sent) << "nothing lost, nothing written twice";
+}
+
+TEST(BagRecordTest, DrainWaitsUntilTheBatchInProgressIsWritten) {
+  TempDir dir;
+  ReportLog log;
+  BagRecord record("node", dir.file("rec"), 1);
+  record.output()->set_output_string_func(log.sink());
+  log.HoldOn("split bag: ");
+  record.Start();
+  for (long t : {1000, 3000, 5000}) record.AppendMessage(t, "/t", "demo.T", "x");
+  log.WaitUntilHeld();  // the save thread is completing part 0 in the middle of its work
+  EXPECT_FALSE(record.Drain(200)) << "messages are still being written";
+  log.Release();
+  EXPECT_TRUE(record.Drain(60000));
+  record.Stop();
+  EXPECT_EQ(ReadDirectory(dir).size(), 3u);
 }
 
 TEST(BagRecordTest, StartingTwiceRunsOneNamedSaveThread) {
