@@ -15,7 +15,7 @@ constexpr long kMaxTimeMs = std::numeric_limits<long>::max() / kNanosPerMilli;
 
 }  // namespace
 
-BagWriter::BagWriter(const fileio::FilePath& path) : BagWriter(path, BagWriterOptions()) {}
+BagWriter::BagWriter(const fileio::FilePath& path) : BagWriter(path, DefaultBagWriterOptions()) {}
 
 BagWriter::BagWriter(const fileio::FilePath& path, const BagWriterOptions& options)
     : path_(path), options_(options) {}

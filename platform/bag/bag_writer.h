@@ -34,7 +34,8 @@ class BagFileWriter;
 class BagWriter {
  public:
   // `path` is the active name of the recording, "<dir>/<base>.kelobag.active"; part files
-  // are named after it. Nothing is created before open() or the first message.
+  // are named after it. Nothing is created before open() or the first message. Without
+  // options, the writer takes DefaultBagWriterOptions().
   explicit BagWriter(const fileio::FilePath& path);
   BagWriter(const fileio::FilePath& path, const BagWriterOptions& options);
 

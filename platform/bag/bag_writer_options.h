@@ -2,6 +2,7 @@
 #define KELO_PLATFORM_BAG_BAG_WRITER_OPTIONS_H_
 
 #include <cstddef>
+#include <mutex>
 
 namespace kelo {
 
@@ -25,6 +26,29 @@ struct BagWriterOptions {
   // that a crash loses at most about this much data.
   long chunk_duration_ms = 1000;
 };
+
+namespace internal {
+inline std::mutex& DefaultOptionsMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+inline BagWriterOptions& DefaultOptions() {
+  static BagWriterOptions options;
+  return options;
+}
+}  // namespace internal
+
+// The options of writers made without options of their own, such as the recorder's. A tool
+// sets them once (its compression choice, say) before it creates writers; writers made
+// earlier keep what they had. May be called from any thread.
+inline void SetDefaultBagWriterOptions(const BagWriterOptions& options) {
+  std::lock_guard<std::mutex> hold(internal::DefaultOptionsMutex());
+  internal::DefaultOptions() = options;
+}
+inline BagWriterOptions DefaultBagWriterOptions() {
+  std::lock_guard<std::mutex> hold(internal::DefaultOptionsMutex());
+  return internal::DefaultOptions();
+}
 
 }  // namespace kelo
 

@@ -422,3 +422,29 @@ TEST(BagWriterTest, ChunksThatDoNotShrinkAreStoredUncompressed) {
 
 }  // namespace
 }  // namespace kelo
+
+namespace kelo {
+namespace {
+
+// The tool's compression choice reaches writers made without options (the recorder's).
+TEST(BagWriterTest, DefaultOptionsApplyToWritersMadeWithoutOptions) {
+  const BagWriterOptions saved = DefaultBagWriterOptions();
+  auto written_size = [](BagCompression compression) {
+    TempDir dir;
+    BagWriterOptions options;
+    options.compression = compression;
+    SetDefaultBagWriterOptions(options);
+    BagWriter writer{fileio::FilePath(ActivePath(dir))};
+    writer.open("");
+    for (int i = 0; i < 1000; ++i) writer.append_message(i, i, "/a", std::string(1000, 'a'), "T");
+    std::string name = writer.close();
+    EXPECT_EQ(ReadAll(name).size(), 1000u);
+    return ReadFile(name).size();
+  };
+  EXPECT_GT(written_size(BagCompression::kNone), 1000u * 1000u);
+  EXPECT_LT(written_size(BagCompression::kZstd), 100u * 1000u);
+  SetDefaultBagWriterOptions(saved);
+}
+
+}  // namespace
+}  // namespace kelo
