@@ -7,8 +7,11 @@
 #include <sstream>
 #include <utility>
 
+#include "platform/bag/bag_cache_writer.h"
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
+#include "platform/space/file_space_manager.h"
+#include "platform/trigger/trigger_record_node_api.h"
 #include "record/bag_record_options.h"
 
 namespace kelo {
@@ -43,10 +46,10 @@ void BagRecordWriter::close() { writer_->close(); }
 
 void BagRecordWriter::debug_save_time() { debug_save_time_ = true; }
 
-void BagRecordWriter::save(const std::string& name) {
+std::string BagRecordWriter::save(const std::string& name) {
   int64_t start_ms = WallClockMs();
   std::string saved = writer_->save_file(name);
-  if (saved.empty()) return;
+  if (saved.empty()) return saved;
   if (debug_save_time_) {
     std::cout << "save time: " << (WallClockMs() - start_ms) << "ms" << std::endl;
   }
@@ -56,6 +59,7 @@ void BagRecordWriter::save(const std::string& name) {
     on_save = on_save_;
   }
   if (on_save) on_save(saved);
+  return saved;
 }
 
 BagRecordActual::BagRecordActual(const BagRecordOpt& opt, const fileio::FilePath& path)
@@ -80,6 +84,47 @@ void BagRecordActual::save_message(const Message& msg) {
     split_start_time_ = t;
   }
   writer_->append_message(t, msg.record_time, msg.topic, msg.data, msg.type);
+}
+
+namespace {
+
+// Folders up to this size are measured afresh before every file; larger ones are indexed.
+constexpr long kSmallFolderBytes = 2147483648L;  // 2048 MB
+
+// duration − reserve on the low 32 bits, or 0 when the window ends before the trigger.
+unsigned int NoticeDelaySeconds(long reserve, long duration) {
+  if (duration <= reserve) return 0;
+  return static_cast<unsigned int>(static_cast<uint64_t>(duration) - static_cast<uint64_t>(reserve));
+}
+
+}  // namespace
+
+BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePath& path)
+    : space_manager_(nullptr), trigger_api_(nullptr) {
+  const unsigned int delay = NoticeDelaySeconds(opt.reserve_time, opt.duration_time);
+  std::cout << "opt.nospacelimit:" << opt.nospacelimit << std::endl;
+  if (path.IsNormal() && !opt.nospacelimit) {
+    std::cout << "opt.nospacelimit:" << opt.nospacelimit << std::endl;
+    // A negative folder size becomes a limit too large to ever reach.
+    space_manager_ = new FileSpaceManager(
+        path.GetPath(), "", ".kelobag", static_cast<unsigned long>(opt.folder_size),
+        static_cast<FileSpaceManager::Mode>(opt.folder_size <= kSmallFolderBytes ? 1 : 0));
+  }
+  writer_ = new BagCacheWriter(path, opt.reserve_time, opt.duration_time, opt.cache_size);
+  trigger_api_ = new TriggerRecordNodeApi("bag_record", opt.node_name, path, delay);
+  trigger_api_->SetNotifyCallback([this](const std::string& notice) {
+    if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
+    trigger_api_->ReportSaved(notice, save(notice));
+  });
+}
+
+BagRecordTrigger::~BagRecordTrigger() {
+  delete trigger_api_;
+  delete space_manager_;
+}
+
+void BagRecordTrigger::save_message(const Message& msg) {
+  writer_->append_message(msg.time, msg.record_time, msg.topic, msg.data, msg.type);
 }
 
 }  // namespace kelo

@@ -10,6 +10,8 @@ namespace kelo {
 
 class BagRecordOpt;
 class BagWriter;
+class FileSpaceManager;
+class TriggerRecordNodeApi;
 namespace fileio {
 class FilePath;
 }
@@ -63,8 +65,9 @@ class BagRecordWriter {
 
  protected:
   // Completes the current file through the bag writer's save_file(name); when that returns
-  // a file name, prints the time it took (when asked to) and reports the name.
-  void save(const std::string& name);
+  // a file name, prints the time it took (when asked to) and reports the name. Returns the
+  // completed file's name, "" when none was completed.
+  std::string save(const std::string& name);
 
   // Created by the concrete writer's constructor; owned.
   BagWriter* writer_;
@@ -95,6 +98,40 @@ class BagRecordActual : public BagRecordWriter {
   const long split_time_;
   long split_start_time_;  // time of the part's first message; 0 before any message
   int split_index_;        // parts completed so far
+};
+
+// Trigger recording: messages stay in a bounded cache (BagCacheWriter), and each trigger
+// event that reaches this node through the trigger service completes a file holding the
+// window around the trigger. Before each such file, the folder is brought within its budget
+// (opt.folder_size; 0 = no limit) unless opt.nospacelimit is set or the path is not usable.
+//
+//   BagRecordTrigger writer(opt, fileio::FilePath(opt.output));   // opt after load_opts()
+//   writer.set_on_save([](const std::string& saved) { ... });      // before messages arrive
+//   writer.save_message(message);                                   // feeding thread
+//
+// Files are completed on the trigger service's thread while save_message runs on the
+// feeding thread.
+class BagRecordTrigger : public BagRecordWriter {
+ public:
+  // Prints "opt.nospacelimit:<0|1>" (twice when the folder budget is managed), then joins
+  // the trigger service as node opt.node_name. The node is told to wait duration − reserve
+  // seconds after a trigger (0 when reserve >= duration), so that the cache holds the end of
+  // the window by then.
+  BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePath& path);
+  // Leaves the trigger service first (waiting for a notice being handled), so that no file
+  // is completed during destruction.
+  ~BagRecordTrigger() override;
+
+  // Caches the message; nothing else.
+  void save_message(const Message& msg) override;
+
+  // The keeper of the folder budget, or null when the folder is not managed. Belongs to
+  // the writer.
+  const FileSpaceManager* space_manager() const { return space_manager_; }
+
+ private:
+  FileSpaceManager* space_manager_;    // owned; null when the folder is not managed
+  TriggerRecordNodeApi* trigger_api_;  // owned
 };
 
 }  // namespace kelo

@@ -5,6 +5,7 @@ pkg_check_modules(KELO_LZ4 REQUIRED IMPORTED_TARGET liblz4)
 find_package(ZLIB REQUIRED)
 
 list(APPEND KELO_PLATFORM_SOURCES
+  bag/bag_cache_writer.cc
   bag/bag_channel_table.cc
   bag/bag_error_log.cc
   bag/bag_file_name.cc
@@ -19,6 +20,7 @@ list(APPEND KELO_PLATFORM_SOURCES
   bag/mcap_summary.cc
 )
 list(APPEND KELO_PLATFORM_HEADERS
+  bag/bag_cache_writer.h
   bag/bag_channel_table.h
   bag/bag_error_log.h
   bag/bag_file_name.h

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <chrono>
 #include <random>
 
@@ -15,6 +16,7 @@ namespace kelo {
 namespace {
 
 constexpr size_t kReceiveBufferBytes = 65536;
+constexpr int64_t kMaxPollMs = 60000;
 
 UdpCastOptions ManagerOptions() {
   UdpCastOptions options;
@@ -47,31 +49,47 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
                                                        const std::string& key, const std::string& body,
                                                        const std::string& reply_key, int timeout_ms,
                                                        size_t max_replies) {
-  using Clock = std::chrono::steady_clock;
   std::vector<Reply> replies;
+  exchange(group, port, key, body, timeout_ms,
+           [&](const Reply& reply, std::chrono::steady_clock::time_point*) {
+             if (reply.key != reply_key) {
+               ++unhandled_messages_;
+               return true;
+             }
+             replies.push_back(reply);
+             return max_replies == 0 || replies.size() < max_replies;
+           });
+  return replies;
+}
+
+bool UdpCastClient::exchange(const std::string& group, int port, const std::string& key,
+                             const std::string& body, int timeout_ms, const ReplyHandler& on_reply) {
+  using Clock = std::chrono::steady_clock;
   error_.clear();
-  if (!Open()) return replies;
+  if (!Open()) return false;
   uint32_t address;
   if (!ParseIpv4(group, &address)) {
     error_ = "\"" + group + "\" is not an IPv4 address";
-    return replies;
+    return false;
   }
   if (port < 1 || port > 65535) {
     error_ = "port " + std::to_string(port) + " out of range";
-    return replies;
+    return false;
   }
   if (next_id_ == 0) ++next_id_;
   const uint32_t id = next_id_++;
   if (!socket_->SendMessage(*interface_, address, static_cast<uint16_t>(port), sender_id_, id, 0, key, body,
                             &error_)) {
-    return replies;
+    return false;
   }
 
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     const Clock::time_point now = Clock::now();
-    if (now >= deadline || (max_replies != 0 && replies.size() >= max_replies)) break;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
+    if (now >= deadline) break;
+    // A handler may push the deadline far out; poll in slices that fit its int timeout.
+    const auto left = std::min<int64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count(), kMaxPollMs);
     pollfd fd = {socket_->fd(), POLLIN, 0};
     // Rounded up, so the loop never spins on a sub-millisecond remainder.
     if (poll(&fd, 1, static_cast<int>(left) + 1) <= 0) continue;
@@ -85,15 +103,15 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
       UdpMessage message;
       if (!reassembler_->Add(from, from_port, buffer_.get(), static_cast<size_t>(size), now_ms, &message))
         continue;
-      if (message.key() != reply_key || message.reply_to() != id) {
+      if (message.reply_to() != id) {
         ++unhandled_messages_;
         continue;
       }
-      replies.push_back(Reply{FormatIpv4(from), from_port, message.body()});
-      if (max_replies != 0 && replies.size() >= max_replies) break;
+      if (!on_reply(Reply{FormatIpv4(from), from_port, message.body(), message.key()}, &deadline))
+        return true;
     }
   }
-  return replies;
+  return true;
 }
 
 uint64_t UdpCastClient::dropped_datagrams() const { return reassembler_->stats().dropped_datagrams; }

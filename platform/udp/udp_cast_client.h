@@ -1,7 +1,9 @@
 #ifndef KELO_PLATFORM_UDP_UDP_CAST_CLIENT_H_
 #define KELO_PLATFORM_UDP_UDP_CAST_CLIENT_H_
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,14 +27,23 @@ class UdpSocket;
 //   }
 //
 // Only answers made for this very query (UdpMessage::create_recv() of it) under the
-// reply key count. One thread at a time per client; clients are independent.
+// reply key count. An exchange() takes answers under any key and lets the caller decide,
+// answer by answer, how long to keep listening. One thread at a time per client; clients
+// are independent.
 class UdpCastClient {
  public:
   struct Reply {
     std::string peer;  // the answering server's address
     int port = 0;      // and the port it answered from
     std::string body;  // the answer's body, as its sender wrote it
+    std::string key;   // the answer's key
   };
+
+  // Called by exchange() for each answer as it arrives. `*deadline` is when the exchange
+  // will stop listening; the handler may move it, earlier or later. Returning false ends the
+  // exchange at once.
+  using ReplyHandler =
+      std::function<bool(const Reply& reply, std::chrono::steady_clock::time_point* deadline)>;
 
   // On the interface UdpCastManager has in force.
   UdpCastClient();
@@ -51,7 +62,15 @@ class UdpCastClient {
                            const std::string& body, const std::string& reply_key, int timeout_ms,
                            size_t max_replies = 0);
 
-  // Why the last query could not be sent; "" when it was.
+  // Sends a message under `key` with `body` to `group`:`port` as query() does, then hands
+  // every answer to this very message, whatever its key, to `on_reply` on the calling
+  // thread, in the order they arrive, until the deadline (`timeout_ms` after sending, unless
+  // the handler moves it) or until the handler returns false. Returns false at once, calling
+  // nothing, when the message could not be sent; error() says why.
+  bool exchange(const std::string& group, int port, const std::string& key, const std::string& body,
+                int timeout_ms, const ReplyHandler& on_reply);
+
+  // Why the last query or exchange could not be sent; "" when it was.
   const std::string& error() const { return error_; }
 
   // Datagrams dropped on arrival; see stats(). Answers to other questions, or under

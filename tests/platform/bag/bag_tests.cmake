@@ -18,3 +18,4 @@ target_include_directories(bag_interop_tool PRIVATE ${PROJECT_SOURCE_DIR})
 add_test(NAME bag_interop_test
   COMMAND ${PROJECT_SOURCE_DIR}/tests/interop/run_interop.sh $<TARGET_FILE:bag_interop_tool>
           ${CMAKE_CURRENT_BINARY_DIR}/bag_interop_work)
+kelo_add_test(bag_cache_writer_test platform/bag/bag_cache_writer_test.cc)

@@ -219,5 +219,72 @@ TEST(UdpCastClientTest, AQueryThatCannotBeSentSaysWhy) {
   EXPECT_NE(client.error().find("too large"), std::string::npos) << client.error();
 }
 
+TEST(UdpCastClientTest, AnExchangeHandsOverAnswersUnderEveryKeyInTheOrderTheyArrive) {
+  UdpCastServer server(kGroup, 28107);
+  server.register_callback("ask", [&server](const std::string& peer, int port, UdpMessage& m) {
+    server.send_data(peer, port, m.create_recv("first"));
+    server.send_data(peer, port, UdpMessage("second", "unsolicited"));  // answers nothing
+    UdpMessage second = m.create_recv("second");
+    second.write_string("body");
+    server.send_data(peer, port, second);
+  });
+  UdpCastClient client;
+  std::vector<UdpCastClient::Reply> replies;
+  EXPECT_TRUE(client.exchange(kGroup, 28107, "ask", "", kAnswerWindowMs,
+                              [&](const UdpCastClient::Reply& r, std::chrono::steady_clock::time_point*) {
+                                replies.push_back(r);
+                                return true;
+                              }));
+  ASSERT_EQ(replies.size(), 2u);
+  EXPECT_EQ(replies[0].key, "first");
+  EXPECT_EQ(replies[1].key, "second");
+  EXPECT_EQ(ReadName(replies[1]), "body");
+  EXPECT_EQ(replies[1].port, server.endpoint_port());
+  EXPECT_EQ(client.stats().unhandled_messages, 1u);
+}
+
+TEST(UdpCastClientTest, AnExchangeListensAsLongAsItsHandlerSays) {
+  UdpCastServer server(kGroup, 28108);
+  server.register_callback("ask", [&server](const std::string& peer, int port, UdpMessage& m) {
+    server.send_data(peer, port, m.create_recv("now"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    server.send_data(peer, port, m.create_recv("late"));
+  });
+  UdpCastClient client;
+  // Extended past its first 200 ms, the exchange hears the late answer, and ends on it.
+  std::vector<std::string> keys;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(
+      client.exchange(kGroup, 28108, "ask", "", 200,
+                      [&](const UdpCastClient::Reply& r, std::chrono::steady_clock::time_point* deadline) {
+                        keys.push_back(r.key);
+                        *deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+                        return r.key != "late";
+                      }));
+  EXPECT_EQ(keys, (std::vector<std::string>{"now", "late"}));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
+
+  // Cut short after the first answer, it never hears the late one.
+  keys.clear();
+  EXPECT_TRUE(
+      client.exchange(kGroup, 28108, "ask", "", 20000,
+                      [&](const UdpCastClient::Reply& r, std::chrono::steady_clock::time_point* deadline) {
+                        keys.push_back(r.key);
+                        *deadline = std::chrono::steady_clock::now();
+                        return true;
+                      }));
+  EXPECT_EQ(keys, std::vector<std::string>{"now"});
+}
+
+TEST(UdpCastClientTest, AnExchangeThatCannotBeSentCallsNothingAndSaysWhy) {
+  UdpCastClient client;
+  bool called = false;
+  EXPECT_FALSE(client.exchange(
+      "not-an-address", 28109, "k", "", 100,
+      [&](const UdpCastClient::Reply&, std::chrono::steady_clock::time_point*) { return called = true; }));
+  EXPECT_FALSE(called);
+  EXPECT_NE(client.error().find("not an IPv4 address"), std::string::npos) << client.error();
+}
+
 }  // namespace
 }  // namespace kelo

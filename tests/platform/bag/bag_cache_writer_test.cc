@@ -1,0 +1,229 @@
+#include "platform/bag/bag_cache_writer.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/bag/bag_reader.h"
+#include "platform/trigger/trigger_notice.h"
+#include "tests/support/bag_files.h"
+#include "tests/support/temp_dir.h"
+
+namespace kelo {
+namespace {
+
+using testing_support::ReadAll;
+using testing_support::TempDir;
+
+constexpr long kTrigger = 1709647629000;                             // 2024-03-05, ms since the epoch
+constexpr long kCost = 100 + BagCacheWriter::kMessageOverheadBytes;  // of a 100-byte payload
+
+std::string Notice(long time_ms, const std::string& label) { return TriggerNotice{time_ms, label}.ToText(); }
+
+// The local time text of a trigger, read the way file naming reads it.
+std::string LocalTime(long time_ms) {
+  const time_t seconds = time_ms / 1000;
+  struct tm local;
+  tzset();
+  localtime_r(&seconds, &local);
+  char text[40];
+  strftime(text, sizeof(text), "%Y%m%d%H%M%S", &local);
+  return text;
+}
+
+std::vector<long> Times(const std::vector<BagMessage>& messages) {
+  std::vector<long> times;
+  for (const BagMessage& m : messages) times.push_back(m.time);
+  return times;
+}
+
+TEST(BagCacheWriterTest, SavesExactlyTheMessagesOfTheWindowWithTopicTypeTimesAndPayload) {
+  TempDir dir;
+  BagCacheWriter writer(fileio::FilePath(dir.file("drive1.kelobag.active")), 2, 3, 1 << 20);
+  writer.append_topic("/quiet", "kelo.Quiet");
+  // Window: [T - 2000, T + 1000], both ends included.
+  const std::vector<long> offsets = {-3000, -2001, -2000, -5, 0, 999, 1000, 1001, 4000};
+  for (size_t i = 0; i < offsets.size(); ++i) {
+    const std::string topic = i % 2 ? "/imu" : "/gps";
+    writer.append_message(kTrigger + offsets[i], kTrigger + offsets[i] + 7, topic,
+                          "payload" + std::to_string(i), topic == "/imu" ? "kelo.Imu" : "kelo.Gps");
+  }
+  const std::string file = writer.save_file(Notice(kTrigger, "brake_event"));
+  EXPECT_EQ(file, dir.file("drive1_" + LocalTime(kTrigger) + "_brake_event.kelobag"));
+  const std::vector<BagMessage> saved = ReadAll(file);
+  ASSERT_EQ(saved.size(), 5u);
+  for (size_t k = 0; k < saved.size(); ++k) {
+    const size_t i = k + 2;  // offsets[2] .. offsets[6]
+    EXPECT_EQ(saved[k].time, kTrigger + offsets[i]);
+    EXPECT_EQ(saved[k].record_time, kTrigger + offsets[i] + 7);
+    EXPECT_EQ(saved[k].topic, i % 2 ? "/imu" : "/gps");
+    EXPECT_EQ(saved[k].type, i % 2 ? "kelo.Imu" : "kelo.Gps");
+    EXPECT_EQ(saved[k].data, "payload" + std::to_string(i));
+  }
+  // Every topic declared so far is in the file, with or without messages.
+  std::set<std::string> topics;
+  for (const auto& t : BagReader(file).topics()) topics.insert(t->name + " " + t->type);
+  EXPECT_EQ(topics, (std::set<std::string>{"/gps kelo.Gps", "/imu kelo.Imu", "/quiet kelo.Quiet"}));
+  // Only the completed file: nothing active, nothing else.
+  EXPECT_EQ(dir.List(), std::vector<std::string>{"drive1_" + LocalTime(kTrigger) + "_brake_event.kelobag"});
+}
+
+TEST(BagCacheWriterTest, TheWindowRuleHoldsForEveryReserveDurationAndTriggerTime) {
+  TempDir dir;
+  struct Setting {
+    long reserve, duration;
+  };
+  // Messages every 250 ms over 20 s, appended out of time order in places.
+  std::vector<long> times;
+  for (long t = 0; t <= 20000; t += 250) times.push_back(kTrigger - 10000 + t);
+  std::swap(times[3], times[40]);
+  for (const Setting& s : std::vector<Setting>{{2, 5}, {0, 1}, {-1, 2}, {3, 0}, {5, 65}, {60, 65}, {1, -1}}) {
+    BagCacheWriter writer(fileio::FilePath(dir.file("w.kelobag.active")), s.reserve, s.duration, 1 << 20);
+    for (long t : times) writer.append_message(t, t, "/a", std::to_string(t), "T");
+    for (long trigger = kTrigger - 12000; trigger <= kTrigger + 12000; trigger += 1375) {
+      const long begin = trigger - s.reserve * 1000, end = begin + s.duration * 1000;
+      std::vector<long> expected;
+      for (long t : times) {
+        if (t >= begin && t <= end) expected.push_back(t);
+      }
+      std::sort(expected.begin(), expected.end());
+      const std::string file = writer.save_file(Notice(trigger, "w"));
+      if (expected.empty()) {
+        EXPECT_EQ(file, "") << "reserve " << s.reserve << " duration " << s.duration << " trigger "
+                            << trigger;
+        continue;
+      }
+      ASSERT_NE(file, "");
+      EXPECT_EQ(Times(ReadAll(file)), expected)
+          << "reserve " << s.reserve << " duration " << s.duration << " trigger " << trigger;
+    }
+  }
+}
+
+TEST(BagCacheWriterTest, TheCacheKeepsTheNewestMessagesThatFitItsSize) {
+  for (long fit = 0; fit <= 9; ++fit) {
+    TempDir dir;
+    // Room for `fit` messages, and a little more that holds no whole message.
+    BagCacheWriter writer(fileio::FilePath(dir.file("c.kelobag.active")), 10, 20, fit * kCost + kCost / 2);
+    for (long i = 0; i < 8; ++i)
+      writer.append_message(kTrigger + i, kTrigger, "/a", std::string(100, 'a' + i), "T");
+    const std::string file = writer.save_file(Notice(kTrigger, ""));
+    const long kept = std::min(fit, 8L);
+    if (kept == 0) {
+      EXPECT_EQ(file, "");
+      EXPECT_TRUE(dir.List().empty());
+      continue;
+    }
+    std::vector<long> expected;
+    for (long i = 8 - kept; i < 8; ++i) expected.push_back(kTrigger + i);
+    EXPECT_EQ(Times(ReadAll(file)), expected) << "room for " << fit;
+  }
+}
+
+TEST(BagCacheWriterTest, AMessageLargerThanTheWholeCacheIsNotKeptAndDisplacesNothing) {
+  TempDir dir;
+  BagCacheWriter writer(fileio::FilePath(dir.file("c.kelobag.active")), 10, 20, 3 * kCost);
+  writer.append_message(kTrigger, kTrigger, "/a", std::string(100, 'a'), "T");
+  writer.append_message(kTrigger + 1, kTrigger, "/a", std::string(3 * kCost, 'b'), "T");
+  writer.append_message(kTrigger + 2, kTrigger, "/a", std::string(100, 'c'), "T");
+  EXPECT_EQ(Times(ReadAll(writer.save_file(Notice(kTrigger, "big")))),
+            (std::vector<long>{kTrigger, kTrigger + 2}));
+}
+
+TEST(BagCacheWriterTest, WritesNoFileWithoutAMessageInTheWindowOrAValidNotice) {
+  TempDir dir;
+  BagCacheWriter writer(fileio::FilePath(dir.file("n.kelobag.active")), 1, 1, 1 << 20);
+  EXPECT_TRUE(writer.open("0"));
+  EXPECT_EQ(writer.save_file(Notice(kTrigger, "empty")), "") << "nothing cached at all";
+  writer.append_topic("/a", "T");
+  writer.append_message(kTrigger + 5000, kTrigger, "/a", "late", "T");
+  writer.append_message(-1, kTrigger, "/a", "cannot be stored", "T");
+  EXPECT_EQ(writer.save_file(Notice(kTrigger, "outside")), "") << "nothing in the window";
+  for (const std::string& bad :
+       std::vector<std::string>{"", "1", "1709647633", "trigger", "trigger x", "trigger 1709647633000  a",
+                                "trigger 1709647633000 a/b", "1 2"}) {
+    EXPECT_EQ(writer.save_file(bad), "") << bad;
+  }
+  EXPECT_EQ(writer.close(), "");
+  EXPECT_TRUE(dir.List().empty());
+  // The cache outlives close(): a notice still due afterwards saves its window.
+  EXPECT_NE(writer.save_file(Notice(kTrigger + 5000, "after_close")), "");
+
+  TempDir none;
+  BagCacheWriter keeps_nothing(fileio::FilePath(none.file("z.kelobag.active")), 1, 1, 0);
+  keeps_nothing.append_message(kTrigger, kTrigger, "/a", "x", "T");
+  EXPECT_EQ(keeps_nothing.save_file(Notice(kTrigger, "")), "");
+  EXPECT_TRUE(none.List().empty());
+}
+
+TEST(BagCacheWriterTest, TwoSavesOfOneTriggerGiveTwoCompleteFilesAndReplaceNothing) {
+  TempDir dir;
+  BagCacheWriter writer(fileio::FilePath(dir.file("d.kelobag.active")), 1, 2, 1 << 20);
+  for (long i = 0; i < 50; ++i) writer.append_message(kTrigger - 1000 + i * 40, kTrigger, "/a", "m", "T");
+  const std::string first = writer.save_file(Notice(kTrigger, "same"));
+  const std::string second = writer.save_file(Notice(kTrigger, "same"));
+  const std::string stem = dir.file("d_" + LocalTime(kTrigger) + "_same");
+  EXPECT_EQ(first, stem + ".kelobag");
+  EXPECT_EQ(second, stem + "-1.kelobag");
+  EXPECT_EQ(ReadAll(first).size(), 50u);
+  EXPECT_EQ(ReadAll(second).size(), 50u);
+
+  // At once from two threads: two distinct files, each whole.
+  std::string a, b;
+  std::thread other([&] { a = writer.save_file(Notice(kTrigger, "racing")); });
+  b = writer.save_file(Notice(kTrigger, "racing"));
+  other.join();
+  EXPECT_NE(a, b);
+  EXPECT_EQ(ReadAll(a).size(), 50u);
+  EXPECT_EQ(ReadAll(b).size(), 50u);
+  EXPECT_EQ(dir.List().size(), 4u);
+}
+
+TEST(BagCacheWriterTest, SavesWhileMessagesKeepArrivingOnAnotherThread) {
+  TempDir dir;
+  BagCacheWriter writer(fileio::FilePath(dir.file("live.kelobag.active")), 0, 1, 64 << 20);
+  const long start = kTrigger;
+  std::atomic<long> appended{0};
+  std::atomic<bool> stop{false};
+  std::thread appender([&] {
+    for (long i = 0; !stop; ++i) {
+      writer.append_message(start + i, start + i, i % 3 ? "/a" : "/b", std::to_string(i), i % 3 ? "A" : "B");
+      appended = i + 1;
+    }
+  });
+  while (appended < 100) std::this_thread::yield();
+  std::vector<std::string> files;
+  for (long trigger = start; trigger < start + 400; trigger += 50) {
+    while (appended < trigger - start + 1) std::this_thread::yield();  // the trigger time has arrived
+    files.push_back(writer.save_file(Notice(trigger, "live")));
+  }
+  stop = true;
+  appender.join();
+
+  // Each file holds an unbroken run of messages that starts at its trigger and stays
+  // inside its window: appended messages are never half seen, never lost, never doubled.
+  long trigger = start;
+  for (const std::string& file : files) {
+    const std::vector<BagMessage> saved = ReadAll(file);
+    ASSERT_FALSE(saved.empty()) << file;
+    EXPECT_EQ(saved.front().time, trigger);
+    EXPECT_LE(saved.back().time, trigger + 1000);
+    for (size_t k = 0; k < saved.size(); ++k) {
+      const long i = trigger - start + static_cast<long>(k);
+      ASSERT_EQ(saved[k].time, start + i) << file;
+      EXPECT_EQ(saved[k].data, std::to_string(i));
+      EXPECT_EQ(saved[k].topic, i % 3 ? "/a" : "/b");
+    }
+    trigger += 50;
+  }
+}
+
+}  // namespace
+}  // namespace kelo

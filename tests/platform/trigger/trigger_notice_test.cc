@@ -1,0 +1,121 @@
+#include "platform/trigger/trigger_notice.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/trigger/trigger_protocol.h"
+#include "platform/udp/udp_message.h"
+
+namespace kelo {
+namespace {
+
+TEST(TriggerNoticeTest, TheTextNamesTheTriggerTimeAndLabelInPlainWords) {
+  EXPECT_EQ((TriggerNotice{1709647629000, "brake_event"}.ToText()), "trigger 1709647629000 brake_event");
+  EXPECT_EQ((TriggerNotice{0, ""}.ToText()), "trigger 0");
+}
+
+TEST(TriggerNoticeTest, EveryValidNoticeParsesBackToItself) {
+  const std::vector<long> times = {0, 1, 9, 10, 999, 1709647629000, 1709647629001, TriggerNotice::kMaxTimeMs};
+  const std::vector<std::string> labels = {"",    "a", "brake_event",       "A-b.c_9",
+                                           "...", "-", std::string(64, 'z')};
+  for (long t : times) {
+    for (const std::string& label : labels) {
+      const TriggerNotice notice{t, label};
+      ASSERT_TRUE(notice.IsValid());
+      TriggerNotice back{-7, "untouched"};
+      ASSERT_TRUE(TriggerNotice::Parse(notice.ToText(), &back)) << notice.ToText();
+      EXPECT_EQ(back.time_ms, t);
+      EXPECT_EQ(back.label, label);
+    }
+  }
+}
+
+TEST(TriggerNoticeTest, RejectsEveryTextItCouldNotHaveWrittenAndLeavesTheNoticeAlone) {
+  const std::vector<std::string> bad = {
+      "",
+      "trigger",
+      "trigger ",
+      "trigger  1",
+      "Trigger 1",
+      "trigger 1 ",
+      "trigger 1  a",
+      "trigger 01",
+      "trigger -1",
+      "trigger +1",
+      "trigger 1x",
+      "trigger 0x10",
+      "trigger 253402300800000",
+      "trigger 99999999999999999999",
+      "trigger 1 a b",
+      "trigger 1 a/b",
+      "trigger 1 a\tb",
+      "trigger 1 " + std::string(65, 'l'),
+      std::string("trigger 1 a\0b", 13),
+      "trigger 1\n",
+      " trigger 1",
+  };
+  for (const std::string& text : bad) {
+    TriggerNotice notice{42, "kept"};
+    EXPECT_FALSE(TriggerNotice::Parse(text, &notice)) << text;
+    EXPECT_EQ(notice.time_ms, 42);
+    EXPECT_EQ(notice.label, "kept");
+  }
+}
+
+TEST(TriggerNoticeTest, LabelsAreShortAndSafeInAFileName) {
+  for (const std::string& ok :
+       std::vector<std::string>{"", "x", "brake_event", "v1.2-rc", std::string(64, 'a')}) {
+    EXPECT_TRUE(TriggerNotice::IsValidLabel(ok)) << ok;
+  }
+  for (const std::string& bad :
+       std::vector<std::string>{"a b", "a/b", "../x", "a\\b", "ä", "a*", std::string(65, 'a')}) {
+    EXPECT_FALSE(TriggerNotice::IsValidLabel(bad)) << bad;
+    EXPECT_FALSE((TriggerNotice{1, bad}.IsValid())) << bad;
+  }
+  EXPECT_FALSE((TriggerNotice{-1, ""}.IsValid()));
+  EXPECT_FALSE((TriggerNotice{TriggerNotice::kMaxTimeMs + 1, ""}.IsValid()));
+}
+
+TEST(TriggerProtocolTest, BodiesDecodeToWhatWasEncodedAndNeverFromAPartOfOne) {
+  using namespace trigger_protocol;
+  UdpMessage event, ack, done;
+  Encode(TriggerEvent{1709647629000, "brake"}, &event);
+  Encode(TriggerAck{"bag_record", "node_7", 9, 1709647634000, "/rec"}, &ack);
+  Encode(TriggerDone{"bag_record", "node_7", 9, "/rec/a.kelobag"}, &done);
+
+  TriggerEvent e;
+  ASSERT_TRUE(Decode(event.body(), &e));
+  EXPECT_EQ(e.time_ms, 1709647629000);
+  EXPECT_EQ(e.label, "brake");
+  TriggerAck a;
+  ASSERT_TRUE(Decode(ack.body(), &a));
+  EXPECT_EQ(a.name, "bag_record");
+  EXPECT_EQ(a.node, "node_7");
+  EXPECT_EQ(a.instance, 9u);
+  EXPECT_EQ(a.due_ms, 1709647634000);
+  EXPECT_EQ(a.directory, "/rec");
+  TriggerDone d;
+  ASSERT_TRUE(Decode(done.body(), &d));
+  EXPECT_EQ(d.file, "/rec/a.kelobag");
+  EXPECT_EQ(d.instance, 9u);
+
+  // Later versions may append fields.
+  EXPECT_TRUE(Decode(event.body() + "more", &e));
+  for (size_t cut = 0; cut < event.body().size(); ++cut)
+    EXPECT_FALSE(Decode(event.body().substr(0, cut), &e));
+  for (size_t cut = 0; cut < ack.body().size(); ++cut) EXPECT_FALSE(Decode(ack.body().substr(0, cut), &a));
+  for (size_t cut = 0; cut < done.body().size(); ++cut) EXPECT_FALSE(Decode(done.body().substr(0, cut), &d));
+
+  // An event no node could turn into a notice does not decode.
+  for (const TriggerEvent& invalid :
+       {TriggerEvent{-1, "x"}, TriggerEvent{1, "a b"}, TriggerEvent{TriggerNotice::kMaxTimeMs + 1, ""}}) {
+    UdpMessage m;
+    Encode(invalid, &m);
+    EXPECT_FALSE(Decode(m.body(), &e)) << invalid.label;
+  }
+}
+
+}  // namespace
+}  // namespace kelo

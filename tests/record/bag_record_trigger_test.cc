@@ -1,0 +1,295 @@
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/fileio/file_path.h"
+#include "platform/space/file_space_manager.h"
+#include "platform/trigger/trigger_sender.h"
+#include "record/bag_record_options.h"
+#include "record/bag_record_writer.h"
+#include "tests/support/bag_files.h"
+#include "tests/support/temp_dir.h"
+
+namespace kelo {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing_support::ReadAll;
+using testing_support::TempDir;
+
+long NowMs() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return now.tv_sec * 1000L + now.tv_usec / 1000;
+}
+
+// Settings as load_opts() leaves them for a trigger-mode command line.
+void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*> args) {
+  args.insert(args.begin(), "kelo_bag");
+  args.push_back("--trigger");
+  args.push_back("-o");
+  args.push_back(output.c_str());
+  EXPECT_EQ(opt->parse(static_cast<int>(args.size()), args.data()), ToolsOptions::ParseResult::kLoaded);
+}
+
+BagRecordWriter::Message At(long time, const std::string& topic = "/t") {
+  BagRecordWriter::Message message;
+  message.time = time;
+  message.record_time = time;
+  message.topic = topic;
+  message.type = "demo.T";
+  message.data = std::to_string(time);
+  return message;
+}
+
+// Collects the files the writer reports.
+struct Saved {
+  std::function<void(const std::string&)> sink() {
+    return [this](const std::string& file) {
+      std::lock_guard<std::mutex> hold(mutex);
+      files.push_back(file);
+    };
+  }
+  size_t size() {
+    std::lock_guard<std::mutex> hold(mutex);
+    return files.size();
+  }
+  void WaitFor(size_t count) {
+    while (size() < count) usleep(5000);
+  }
+  std::mutex mutex;
+  std::vector<std::string> files;
+};
+
+// Sends a trigger from a process of its own and returns its report lines.
+std::string SendFromAnotherProcess(const std::string& label) {
+  std::string out;
+  FILE* pipe = popen((std::string(KELO_TRIGGER_PEER) + " send " + label + " 20000 1000").c_str(), "r");
+  char buffer[1024];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
+  std::ofstream(path) << std::string(bytes, 'x');
+  struct utimbuf times;
+  times.actime = times.modtime = time(nullptr) - age_s;
+  utime(path.c_str(), &times);
+}
+
+TEST(BagRecordTriggerTest, SpaceLineAndManagerFollowPathAndSwitch) {
+  TempDir dir;
+  struct Case {
+    std::string output;
+    std::vector<const char*> args;
+    std::string printed;
+    bool managed;
+  } cases[] = {
+      {dir.file("drive"), {"--nospacelimit"}, "opt.nospacelimit:1\n", false},
+      {dir.file("drive"), {}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", true},
+      {dir.file("drive"), {"--fs", "0"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", true},
+  };
+  for (const Case& c : cases) {
+    BagRecordOpt opt;
+    Load(&opt, c.output, c.args);
+    testing::internal::CaptureStdout();
+    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
+    EXPECT_EQ(writer.space_manager() != nullptr, c.managed);
+  }
+  // A path that names no file gets no manager, whatever the switch says.
+  BagRecordOpt opt;
+  Load(&opt, dir.file("drive"), {});
+  testing::internal::CaptureStdout();
+  BagRecordTrigger writer(opt, fileio::FilePath(dir.path() + "/"));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "opt.nospacelimit:0\n");
+  EXPECT_EQ(writer.space_manager(), nullptr);
+}
+
+TEST(BagRecordTriggerTest, FolderSizeChoosesTheManagersMode) {
+  TempDir dir;
+  for (auto [megabytes, mode] :
+       std::vector<std::pair<const char*, FileSpaceManager::Mode>>{{"0", FileSpaceManager::Mode(1)},
+                                                                   {"2048", FileSpaceManager::Mode(1)},
+                                                                   {"2049", FileSpaceManager::Mode(0)},
+                                                                   {"4096", FileSpaceManager::Mode(0)},
+                                                                   {"-5", FileSpaceManager::Mode(1)}}) {
+    BagRecordOpt opt;
+    Load(&opt, dir.file("drive"), {"--fs", megabytes});
+    testing::internal::CaptureStdout();
+    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+    testing::internal::GetCapturedStdout();
+    ASSERT_NE(writer.space_manager(), nullptr);
+    EXPECT_EQ(writer.space_manager()->mode(), mode) << megabytes << " MB";
+  }
+}
+
+// A writer fed at 100 Hz with wall-clock times; a trigger from another process saves the
+// window [trigger − reserve, trigger − reserve + duration] that the cache holds.
+TEST(BagRecordTriggerTest, TriggerFromAnotherProcessSavesTheWindow) {
+  TempDir dir;
+  BagRecordOpt opt;
+  Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "2", "-n", "node_a"});
+  Saved saved;
+  testing::internal::CaptureStdout();
+  std::vector<long> fed;
+  {
+    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+    writer.set_on_save(saved.sink());
+    writer.debug_save_time();
+    std::atomic<bool> stop{false};
+    std::mutex fed_mutex;
+    std::thread feeder([&] {
+      while (!stop) {
+        long t = NowMs();
+        writer.save_message(At(t));
+        {
+          std::lock_guard<std::mutex> hold(fed_mutex);
+          fed.push_back(t);
+        }
+        usleep(10000);
+      }
+    });
+    usleep(1500000);
+    long before = NowMs();
+    std::string report = SendFromAnotherProcess("brake");
+    long after = NowMs();
+    saved.WaitFor(1);
+    stop = true;
+    feeder.join();
+    writer.close();
+
+    ASSERT_EQ(saved.files.size(), 1u);
+    EXPECT_THAT(report, HasSubstr("result node_a 1 " + saved.files[0]));
+    EXPECT_GE(after - before, 1000) << "the node waits duration − reserve after the trigger";
+
+    std::vector<BagMessage> messages = ReadAll(saved.files[0]);
+    ASSERT_FALSE(messages.empty());
+    // The trigger time lies between `before` and `after`: every message well inside the
+    // window is there, none well outside it, and the file holds a contiguous run of what
+    // was fed.
+    long first = messages.front().time, last = messages.back().time;
+    EXPECT_GE(first, before - 1000 - 20);
+    EXPECT_LE(last, after + 1000);
+    std::vector<long> expected;
+    for (long t : fed) {
+      if (t >= first && t <= last) expected.push_back(t);
+    }
+    std::vector<long> got;
+    for (const BagMessage& m : messages) got.push_back(m.time);
+    EXPECT_EQ(got, expected);
+    EXPECT_GE(last - first, 1800) << "a two-second window at 100 Hz";
+  }
+  std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_THAT(printed, testing::ContainsRegex("save time: [0-9]+ms\n"));
+}
+
+TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFile) {
+  TempDir dir;
+  // Three old completed bags of 600 KB each, against a budget of 1 MB.
+  WriteFileAged(dir.file("old_1.kelobag"), 600000, 300);
+  WriteFileAged(dir.file("old_2.kelobag"), 600000, 200);
+  WriteFileAged(dir.file("old_3.kelobag"), 600000, 100);
+  WriteFileAged(dir.file("older.kelobag.active"), 600000, 1000);
+  WriteFileAged(dir.file("notes.txt"), 600000, 1000);
+  BagRecordOpt opt;
+  Load(&opt, dir.file("drive"), {"--reserve", "5", "--duration", "5", "--fs", "1"});
+  Saved saved;
+  testing::internal::CaptureStdout();
+  {
+    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+    writer.set_on_save(saved.sink());
+    long now = NowMs();
+    for (long t = now - 4000; t < now; t += 100) writer.save_message(At(t));
+    TriggerSender sender;
+    sender.Send("budget", now, 20000);
+    ASSERT_EQ(saved.size(), 1u);
+  }
+  testing::internal::GetCapturedStdout();
+  std::vector<std::string> names = dir.List();
+  // The two oldest bags went; the active file and the other file were never touched.
+  EXPECT_EQ(std::count(names.begin(), names.end(), "old_1.kelobag"), 0);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "old_2.kelobag"), 0);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "old_3.kelobag"), 1);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "older.kelobag.active"), 1);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "notes.txt"), 1);
+}
+
+TEST(BagRecordTriggerTest, QuickTriggersGiveTwoFilesAndAnEmptyCacheGivesNone) {
+  TempDir dir;
+  BagRecordOpt opt;
+  Load(&opt, dir.file("drive"), {"--reserve", "10", "--duration", "5", "-n", "quick"});
+  Saved saved;
+  testing::internal::CaptureStdout();
+  {
+    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+    writer.set_on_save(saved.sink());
+    TriggerSender sender;
+    std::vector<TriggerSender::NodeResult> nothing = sender.Send("empty", NowMs(), 20000);
+    ASSERT_EQ(nothing.size(), 1u);
+    EXPECT_TRUE(nothing[0].answered);
+    EXPECT_FALSE(nothing[0].saved) << "nothing cached, nothing saved";
+    EXPECT_EQ(saved.size(), 0u);
+
+    long now = NowMs();
+    for (long t = now - 9000; t < now; t += 50) writer.save_message(At(t));
+    std::vector<TriggerSender::NodeResult> first = sender.Send("first", now - 2000, 20000);
+    std::vector<TriggerSender::NodeResult> second = sender.Send("second", now, 20000);
+    ASSERT_EQ(saved.size(), 2u);
+    ASSERT_EQ(first.size(), 1u);
+    ASSERT_EQ(second.size(), 1u);
+    EXPECT_EQ(first[0].file, saved.files[0]);
+    EXPECT_EQ(second[0].file, saved.files[1]);
+    EXPECT_NE(saved.files[0], saved.files[1]);
+    // Windows of five seconds ending five seconds before each trigger.
+    for (auto [file, trigger] :
+         std::vector<std::pair<std::string, long>>{{saved.files[0], now - 2000}, {saved.files[1], now}}) {
+      std::vector<BagMessage> messages = ReadAll(file);
+      ASSERT_FALSE(messages.empty()) << file;
+      EXPECT_GE(messages.front().time, trigger - 10000);
+      EXPECT_LE(messages.back().time, trigger - 5000);
+    }
+  }
+  testing::internal::GetCapturedStdout();
+}
+
+// Under the sanitizers: the writer is destroyed while a notice is being handled.
+TEST(BagRecordTriggerTest, DestructionWaitsForANoticeInProgress) {
+  TempDir dir;
+  BagRecordOpt opt;
+  Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "1"});
+  std::atomic<bool> saving{false};
+  testing::internal::CaptureStdout();
+  auto writer = std::make_unique<BagRecordTrigger>(opt, fileio::FilePath(opt.output));
+  writer->set_on_save([&](const std::string&) {
+    saving = true;
+    usleep(300000);
+  });
+  long now = NowMs();
+  for (long t = now - 900; t <= now; t += 10) writer->save_message(At(t));
+  std::thread sender([now] { TriggerSender().Send("late", now, 5000); });
+  while (!saving) usleep(1000);
+  writer.reset();  // waits for the callback above to return
+  sender.join();
+  testing::internal::GetCapturedStdout();
+}
+
+}  // namespace
+}  // namespace kelo
