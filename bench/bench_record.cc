@@ -8,7 +8,7 @@
 //             against none.
 // The recorder opens the monitor's multicast server: run it in a private network namespace,
 //   tests/run_in_netns.sh build/release/bench/bench_record all
-// Usage: bench_record [latency|intake|monitor|all] [--dir DIR] [--seconds S]
+// Usage: bench_record [latency|intake|monitor|all] [--dir DIR] [--seconds S] [--bytes N]
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -36,6 +36,7 @@ using Clock = std::chrono::steady_clock;
 
 std::string g_dir = "/tmp/kelo_bench_record";
 double g_seconds = 10.0;
+size_t g_only_bytes = 0;  // intake: measure this message size only (0: all)
 
 void ClearDir() { std::system(("rm -rf '" + g_dir + "' && mkdir -p '" + g_dir + "'").c_str()); }
 
@@ -166,8 +167,9 @@ void Intake() {
   struct Size {
     size_t bytes;
     std::vector<double> fixed_ladder;  // empty: a ladder relative to the writer alone
-  } sizes[] = {{100, {50000, 90000, 95000, 98000}}, {10 * 1024, {5000, 20000, 50000, 90000}}, {1 << 20, {}}};
+  } sizes[] = {{100, {50000, 95000, 100000, 200000, 400000}}, {10 * 1024, {5000, 20000, 40000, 60000}}, {1 << 20, {}}};
   for (const Size& size : sizes) {
+    if (g_only_bytes != 0 && size.bytes != g_only_bytes) continue;
     double alone = WriterAlone(size.bytes);
     std::vector<double> ladder = size.fixed_ladder;
     if (ladder.empty()) {
@@ -271,6 +273,7 @@ int main(int argc, char** argv) {
   for (int i = 2; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--dir") == 0) g_dir = argv[i + 1];
     if (std::strcmp(argv[i], "--seconds") == 0) g_seconds = std::atof(argv[i + 1]);
+    if (std::strcmp(argv[i], "--bytes") == 0) g_only_bytes = std::strtoul(argv[i + 1], nullptr, 10);
   }
   if (mode == "latency" || mode == "all") Latency();
   if (mode == "intake" || mode == "all") Intake();

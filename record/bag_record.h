@@ -167,6 +167,10 @@ class BagRecord {
   std::atomic<size_t> pending_count_;
   // True from the moment the save thread takes a batch until it is done with it.
   std::atomic<bool> saving_batch_;
+  // The idle save thread waits here; intake wakes it when the queue reaches kWakeEarly.
+  static constexpr size_t kWakeEarly = kMaxPendingMessages / 2;
+  std::mutex idle_mutex_;
+  std::condition_variable idle_wake_;
   // registered_topics_, held across the declaration to the writer so that a topic is
   // declared once and before any of its messages can reach the writer.
   std::mutex topics_mutex_;
