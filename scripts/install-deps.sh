@@ -9,6 +9,7 @@ packages=(
   libzstd-dev liblz4-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang iproute2 util-linux
+  liblcm-dev liblcm-bin tmux
 )
 # Node runs the independent MCAP reader of the interop tests; a machine may have it already.
 if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then

@@ -10,6 +10,7 @@
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_file.h"
 #include "platform/bag/mcap_index.h"
+#include "platform/bag/mcap_records.h"
 
 namespace kelo {
 
@@ -21,6 +22,24 @@ constexpr size_t kCachedChunks = 4;
 
 long ToMillis(uint64_t nanos) { return static_cast<long>(nanos / kNanosPerMilli); }
 
+// The compression named in the header of the chunk `block`; false when it cannot be read.
+// Only the fixed fields and the name are read, never the records.
+bool ReadChunkCompression(const mcap::RandomAccessFile& file, const mcap::Block& block,
+                          std::string* compression) {
+  constexpr uint64_t kFixed = 8 + 8 + 8 + 4;  // start, end, uncompressed size, CRC
+  constexpr uint64_t kMaxName = 64;           // longer names are not compressions we know
+  const uint64_t want = std::min<uint64_t>(block.length, mcap::kPrefixSize + kFixed + 4 + kMaxName);
+  std::string head;
+  if (want < mcap::kPrefixSize + kFixed + 4 || !file.Read(block.offset, want, &head) ||
+      static_cast<uint8_t>(head[0]) != mcap::kOpChunk) {
+    return false;
+  }
+  mcap::Cursor cursor(head.data() + mcap::kPrefixSize, head.size() - mcap::kPrefixSize);
+  cursor.Skip(kFixed);
+  *compression = cursor.String();
+  return cursor.ok();
+}
+
 }  // namespace
 
 struct BagReader::Rep {
@@ -31,6 +50,7 @@ struct BagReader::Rep {
 
   std::string path;
   std::string error;
+  bool opened = false;  // the file is a bag; error() then tells only of what was left out
   mcap::RandomAccessFile file;
   mcap::ChunkDecompressor decompressor;
   mcap::BagIndex index;
@@ -167,6 +187,7 @@ BagReader::BagReader(const std::string& path) : rep_(new Rep) {
     r.AddError(error);
     return;
   }
+  r.opened = true;
   if (!r.index.problem.empty()) r.AddError(r.index.problem);
   for (const auto& c : r.index.channels) {
     Rep::ChannelView view;
@@ -258,6 +279,28 @@ std::vector<std::shared_ptr<BagTopic>> BagReader::topics() const {
     out.push_back(std::move(topic));
   }
   return out;
+}
+
+BagFileInfo BagReader::file_info() const {
+  const Rep& r = *rep_;
+  BagFileInfo info;
+  info.library = r.index.header.library;
+  info.indexed = r.index.from_summary;
+  // Damage can also come to light later, when a chunk is read: that counts too.
+  info.recovered = r.opened && !r.error.empty();
+  std::vector<std::string> seen;
+  for (const mcap::Block& block : r.index.blocks) {
+    if (block.loose) continue;
+    ++info.chunks;
+    std::string name;
+    if (!ReadChunkCompression(r.file, block, &name)) name = "unreadable";
+    if (name.empty()) name = "none";
+    if (std::find(seen.begin(), seen.end(), name) == seen.end()) seen.push_back(name);
+  }
+  for (const std::string& name : seen) {
+    info.compression += (info.compression.empty() ? "" : "+") + name;
+  }
+  return info;
 }
 
 }  // namespace kelo

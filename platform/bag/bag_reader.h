@@ -10,6 +10,17 @@
 
 namespace kelo {
 
+// How a bag file is stored, for tools that describe files rather than read messages.
+struct BagFileInfo {
+  std::string library;      // the writing library named in the file's header; "" when none
+  std::string compression;  // chunk compression: "zstd", "lz4", "none" (or "unreadable" for a
+                            // chunk whose header cannot be read); several are joined by "+"
+                            // in file order; "" when the file has no chunk
+  unsigned chunks = 0;      // chunks indexed (for a recovered file, those read soundly)
+  bool indexed = false;     // opened from the file's summary, without a scan
+  bool recovered = false;   // unfinished, cut, or damaged: read up to what was sound
+};
+
 // Reads a bag (any MCAP file) as a sequence of messages in time order; messages with equal
 // times come in the order they were written. The reader is a cursor over that sequence:
 // positions run from 0 to count(), and count() means "at the end".
@@ -68,6 +79,10 @@ class BagReader {
   // Every (topic, type) pair the bag declares, whether or not it has messages, in the
   // order the bag defines them. A topic recorded with two types appears twice.
   std::vector<std::shared_ptr<BagTopic>> topics() const;
+
+  // How the file is stored (see BagFileInfo); all empty, 0 and false for a file that could
+  // not be opened as a bag. Reads a few bytes of each chunk's header, nothing more.
+  BagFileInfo file_info() const;
 
  private:
   struct Rep;

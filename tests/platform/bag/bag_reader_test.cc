@@ -274,6 +274,84 @@ TEST(BagReaderTest, ReadsFileCutAtAnyByteUpToLastChunk) {
   }
 }
 
+TEST(BagReaderTest, DescribesCompressionChunksAndRecoveryOfTheFile) {
+  const std::pair<BagCompression, std::string> kinds[] = {
+      {BagCompression::kZstd, "zstd"}, {BagCompression::kLz4, "lz4"}, {BagCompression::kNone, "none"}};
+  for (const auto& kind : kinds) {
+    SCOPED_TRACE(kind.second);
+    TempDir dir;
+    BagWriterOptions options;
+    options.compression = kind.first;
+    // One chunk of text that compresses well: stored with the chosen compression.
+    const std::string one = WriteBag(dir, {Message("/log", 5, "T", std::string(20000, 'z'), 5)}, options);
+    const BagFileInfo one_info = BagReader(one).file_info();
+    EXPECT_EQ(kind.second, one_info.compression);
+    EXPECT_EQ(1u, one_info.chunks);
+    EXPECT_TRUE(one_info.indexed);
+    EXPECT_FALSE(one_info.recovered);
+    EXPECT_EQ(0u, one_info.library.find("libkelo_bag_aa ")) << one_info.library;
+
+    // Many chunks; a writer that falls behind stores some as they are, so only the kinds
+    // are known in advance, not which chunk has which.
+    const ChunkedBag bag = MakeChunkedBag(dir, kind.first);
+    const std::string whole = dir / "whole.kelobag";
+    WriteFile(whole, bag.bytes);
+    const BagFileInfo info = BagReader(whole).file_info();
+    EXPECT_EQ(bag.ends.size(), info.chunks);
+    EXPECT_TRUE(info.compression == kind.second || info.compression == "none" ||
+                info.compression == "none+" + kind.second || info.compression == kind.second + "+none")
+        << info.compression;
+    EXPECT_TRUE(info.indexed);
+    EXPECT_FALSE(info.recovered);
+
+    // Cut inside the third chunk: the first two are kept, and the file says it was recovered.
+    const std::string cut = dir / "cut.kelobag.active";
+    WriteFile(cut, bag.bytes.substr(0, bag.ends[2].first - 1));
+    const BagFileInfo cut_info = BagReader(cut).file_info();
+    EXPECT_EQ(2u, cut_info.chunks);
+    EXPECT_FALSE(cut_info.indexed);
+    EXPECT_TRUE(cut_info.recovered);
+  }
+}
+
+TEST(BagReaderTest, NamesEveryCompressionFoundInFileOrder) {
+  TempDir dir;
+  // A chunk too small to be worth compressing is stored as it is, and a message larger than
+  // the chunk size gets a chunk of its own: this file holds one chunk of each kind.
+  BagWriterOptions options;
+  options.chunk_size = 8000;
+  const std::string name = WriteBag(dir, {Message("/a", 1, "T", "tiny", 1),
+                                          Message("/a", 2, "T", std::string(20000, 'a'), 2)},
+                                    options);
+  const BagFileInfo info = BagReader(name).file_info();
+  EXPECT_EQ(2u, info.chunks);
+  EXPECT_EQ("none+zstd", info.compression);
+}
+
+TEST(BagReaderTest, DescribesFilesWithoutChunksAndFilesThatAreNoBags) {
+  TempDir dir;
+  {
+    BagWriter writer(fileio::FilePath(dir / "empty.kelobag.active"));
+    writer.open("");
+    writer.append_topic("/declared", "kelo.Declared");
+    ASSERT_EQ(dir / "empty.kelobag", writer.close());
+  }
+  const BagFileInfo empty = BagReader(dir / "empty.kelobag").file_info();
+  EXPECT_EQ("", empty.compression);
+  EXPECT_EQ(0u, empty.chunks);
+  EXPECT_FALSE(empty.recovered);
+
+  WriteFile(dir / "text.kelobag", "this is not a bag at all");
+  for (const std::string& path : {dir / "missing.kelobag", dir / "text.kelobag"}) {
+    const BagFileInfo bad = BagReader(path).file_info();
+    EXPECT_EQ("", bad.compression) << path;
+    EXPECT_EQ("", bad.library) << path;
+    EXPECT_EQ(0u, bad.chunks) << path;
+    EXPECT_FALSE(bad.indexed) << path;
+    EXPECT_FALSE(bad.recovered) << path;
+  }
+}
+
 TEST(BagReaderTest, SurvivesBytesFlippedAnywhere) {
   for (BagCompression c : {BagCompression::kNone, BagCompression::kLz4}) {
     TempDir dir;

@@ -1,0 +1,64 @@
+#include "tools/kelo_bag/command_options.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tools/kelo_bag/record_tool_options.h"
+
+namespace kelo {
+namespace cli {
+namespace {
+
+template <typename Opt>
+ToolsOptions::ParseResult Parse(Opt* opt, std::vector<const char*> args) {
+  args.insert(args.begin(), "kelo_bag");
+  return opt->parse(static_cast<int>(args.size()), args.data());
+}
+
+TEST(RecordToolOptTest, ChecksWhatTheParserCannot) {
+  const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
+      {{}, "give the topics to record"},
+      {{"-a", "/imu"}, "not both"},
+      {{"-a", "--compression", "gzip"}, "--compression must be zstd, lz4 or none"},
+      {{"-a", "-s", "-1"}, "--split_time must not be negative"},
+  };
+  for (const auto& c : cases) {
+    RecordToolOpt opt;
+    ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, c.first));
+    EXPECT_NE(std::string::npos, opt.Check().find(c.second)) << opt.Check();
+  }
+  RecordToolOpt zstd, lz4, none;
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&zstd, {"/imu"}));
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&lz4, {"/imu", "--compression", "lz4"}));
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&none, {"/imu", "--compression", "none"}));
+  EXPECT_EQ("", lz4.Check());
+  EXPECT_EQ(BagCompression::kZstd, zstd.WriterOptions().compression);
+  EXPECT_EQ(BagCompression::kLz4, lz4.WriterOptions().compression);
+  EXPECT_EQ(BagCompression::kNone, none.WriterOptions().compression);
+}
+
+TEST(PlayOptTest, KeepsFilesInTheOrderGivenAndChecksTheRange) {
+  PlayOpt opt;
+  const std::vector<const char*> args = {"kelo_bag", "z.kelobag", "--start", "3",         "a.kelobag",
+                                         "--topics", "/a,/b",     "--loop",  "z.kelobag", "m.kelobag"};
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, opt.parse(static_cast<int>(args.size()), args.data()));
+  EXPECT_EQ((std::vector<std::string>{"z.kelobag", "a.kelobag", "m.kelobag"}),
+            PositionalsAsGiven(opt, static_cast<int>(args.size()), args.data()));
+  EXPECT_EQ(3, opt.start);
+  EXPECT_TRUE(opt.loop);
+  EXPECT_FALSE(opt.publish);
+  EXPECT_EQ((std::set<std::string>{"/a", "/b"}), opt.topics);
+  EXPECT_EQ("", opt.Check());
+
+  PlayOpt none, negative;
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&none, {"--loop"}));
+  EXPECT_NE("", none.Check());
+  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&negative, {"a", "--duration", "-2"}));
+  EXPECT_NE("", negative.Check());
+}
+
+}  // namespace
+}  // namespace cli
+}  // namespace kelo

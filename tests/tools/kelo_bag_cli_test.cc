@@ -1,0 +1,180 @@
+// The kelo_bag command's face without a bus: help, bad command lines, info and plain
+// playback of files.
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include "platform/bag/bag_writer.h"
+#include "platform/fileio/file_path.h"
+#include "tests/support/temp_dir.h"
+#include "tests/tools/subprocess.h"
+
+namespace kelo {
+namespace {
+
+using testing_support::ReadWholeFile;
+using testing_support::RunToEnd;
+using testing_support::TempDir;
+
+const std::string kKeloBag = KELO_BAG;
+
+struct Outcome {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+Outcome KeloBag(const TempDir& dir, std::vector<std::string> args) {
+  args.insert(args.begin(), kKeloBag);
+  Outcome run;
+  run.code = RunToEnd(args, dir.file("kelo_bag"), &run.out, &run.err);
+  return run;
+}
+
+size_t Lines(const std::string& text) {
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+// /a at 10 Hz and /b at 2 Hz for `seconds`, starting `offset` ms after t0.
+std::string WriteBag(const TempDir& dir, const std::string& name, long offset, int seconds) {
+  BagWriter writer(fileio::FilePath(dir.file(name + ".kelobag.active")));
+  writer.open("");
+  for (long t = 0; t <= seconds * 1000L; t += 100) {
+    writer.append_message(1700000000000 + offset + t, 0, "/a", "aaaa", "lcm:0x00000000000000aa");
+    if (t % 500 == 0) writer.append_message(1700000000000 + offset + t, 0, "/b", "bb", "lcm:short");
+  }
+  return writer.close();
+}
+
+TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
+  TempDir dir;
+  const Outcome tool = KeloBag(dir, {"--help"});
+  EXPECT_EQ(0, tool.code);
+  for (const char* command : {"record", "play", "info", "monitor", "trigger", "demo"}) {
+    EXPECT_NE(std::string::npos, tool.out.find(std::string("  ") + command + " ")) << command;
+    const Outcome help = KeloBag(dir, {command, "--help"});
+    EXPECT_EQ(0, help.code) << command;
+    EXPECT_NE(std::string::npos, help.out.find(std::string("Usage: ") + command)) << help.out;
+    EXPECT_EQ("", help.err) << command;
+  }
+}
+
+TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
+  TempDir dir;
+  const std::vector<std::vector<std::string>> bad = {
+      {},
+      {"recrod"},
+      {"record"},
+      {"record", "-a", "/imu"},
+      {"record", "-a", "--compression", "gzip"},
+      {"record", "-a", "--split_time", "often"},
+      {"record", "-a", "--no-such-option"},
+      {"record", "-a", "--interface", "no_such_if0"},
+      {"record", "-a", "--url", "nosuch://"},
+      {"play"},
+      {"play", "--start", "-1", "a.kelobag"},
+      {"play", "--duration", "x", "a.kelobag"},
+      {"info"},
+      {"info", "--jsn", "a.kelobag"},
+      {"monitor", "extra"},
+      {"monitor", "--wait", "0"},
+      {"trigger", "--label", "two words"},
+      {"trigger", "--wait", "soon"},
+      {"demo", "a", "b"},
+  };
+  for (const std::vector<std::string>& args : bad) {
+    const Outcome run = KeloBag(dir, args);
+    std::string line;
+    for (const std::string& arg : args) line += " " + arg;
+    EXPECT_EQ(2, run.code) << line << "\n" << run.err;
+    // LCM adds a line of its own about a provider it does not know; ours is the last.
+    EXPECT_EQ(args.size() > 2 && args[2] == "--url" ? 2u : 1u, Lines(run.err)) << line << "\n" << run.err;
+    EXPECT_EQ("", run.out) << line;
+  }
+}
+
+TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadableOne) {
+  TempDir dir;
+  const std::string first = WriteBag(dir, "first", 0, 2);
+  const std::string second = WriteBag(dir, "second", 3000, 1);
+  std::ofstream(dir.file("junk.kelobag")) << "junk";
+  const Outcome text = KeloBag(dir, {"info", first, dir.file("junk.kelobag"), second});
+  EXPECT_EQ(1, text.code);
+  EXPECT_EQ(1u, Lines(text.err)) << text.err;
+  EXPECT_EQ(0u, text.err.find("info: " + dir.file("junk.kelobag") + ": ")) << text.err;
+  for (const std::string& want :
+       {"path:        " + first, "path:        " + second, std::string("all 2 files"),
+        std::string("messages:    26\n"), std::string("messages:    14\n"), std::string("messages:    40\n"),
+        std::string("duration:    4.000 s")}) {
+    EXPECT_NE(std::string::npos, text.out.find(want)) << want << "\n" << text.out;
+  }
+  EXPECT_NE(std::string::npos, text.out.find("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n"))
+      << text.out;
+
+  const Outcome json = KeloBag(dir, {"info", "--json", first, second});
+  ASSERT_EQ(0, json.code) << json.err;
+  Json::Value root;
+  std::string errors;
+  std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  ASSERT_TRUE(reader->parse(json.out.data(), json.out.data() + json.out.size(), &root, &errors)) << errors;
+  ASSERT_EQ(2u, root["files"].size());
+  EXPECT_EQ(second, root["files"][1]["path"].asString());
+  EXPECT_EQ(ReadWholeFile(second).size(), root["files"][1]["size_bytes"].asUInt64());
+  EXPECT_EQ(14u, root["files"][1]["messages"].asUInt64());
+  EXPECT_FALSE(root["files"][1]["recovered"].asBool());
+  EXPECT_EQ(40u, root["merged"]["messages"].asUInt64());
+  EXPECT_EQ(1700000000000, root["merged"]["start_ms"].asInt64());
+  EXPECT_EQ(1700000004000, root["merged"]["end_ms"].asInt64());
+  EXPECT_EQ(2u, root["merged"]["files"].asUInt64());
+  ASSERT_EQ(2u, root["merged"]["topics"].size());
+  EXPECT_EQ("/b", root["merged"]["topics"][1]["topic"].asString());
+  EXPECT_EQ("lcm:short", root["merged"]["topics"][1]["type"].asString());
+  EXPECT_EQ(8u, root["merged"]["topics"][1]["messages"].asUInt64());
+}
+
+TEST(KeloBagCliTest, InfoTellsWhatWasRecoveredFromAnUnfinishedBag) {
+  TempDir dir;
+  BagWriterOptions options;
+  options.chunk_size = 200;
+  BagWriter writer(fileio::FilePath(dir.file("cut.kelobag.active")), options);
+  writer.open("");
+  for (long t = 0; t < 100; ++t) writer.append_message(1700000000000 + t, 0, "/a", std::string(50, 'x'), "T");
+  const std::string bytes = ReadWholeFile(writer.close());
+  const std::string cut = dir.file("unfinished.kelobag.active");
+  std::ofstream(cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size() / 2));
+  const Outcome run = KeloBag(dir, {"info", "--json", cut});
+  ASSERT_EQ(0, run.code) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find("\"recovered\" : true")) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("recovered unfinished bag: kept ")) << run.out;
+}
+
+TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
+  TempDir dir;
+  const std::string bag = WriteBag(dir, "short", 0, 1);
+  const auto started = std::chrono::steady_clock::now();
+  const Outcome run = KeloBag(dir, {"play", bag, dir.file("missing.kelobag")});
+  const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  EXPECT_EQ(1, run.code);  // one file could not be played
+  EXPECT_EQ(1u, Lines(run.err)) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find(dir.file("missing.kelobag"))) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find("played 14 messages")) << run.out;
+  EXPECT_NE(std::string::npos,
+            run.out.find("[RUNNING]  Bag Time: 1700000001000   Duration: 1.000000 / 1.000000"))
+      << run.out;
+  EXPECT_GE(took, 1.0);  // the bag lasts a second
+
+  const Outcome nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
+  EXPECT_EQ(1, nothing.code);
+  EXPECT_NE(std::string::npos, nothing.err.find("nothing to play")) << nothing.err;
+}
+
+}  // namespace
+}  // namespace kelo

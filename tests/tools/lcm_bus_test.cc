@@ -1,0 +1,98 @@
+#include "tools/kelo_bag/lcm_bus.h"
+
+#include <stdlib.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tools/kelo_bag/bus_recording.h"
+#include "tools/kelo_bag/lcm_message_type.h"
+
+namespace kelo {
+namespace cli {
+namespace {
+
+TEST(LcmBusUrlTest, AsksForALargeReceiveBufferOnMulticastUrlsThatNameNone) {
+  unsetenv("LCM_DEFAULT_URL");
+  EXPECT_EQ("udpm://239.255.76.67:7667?ttl=0&recv_buf_size=4194304", BusUrl(""));
+  EXPECT_EQ("udpm://239.255.1.2:7000?recv_buf_size=4194304", BusUrl("udpm://239.255.1.2:7000"));
+  EXPECT_EQ("udpm://239.255.1.2:7000?ttl=0&recv_buf_size=100",
+            BusUrl("udpm://239.255.1.2:7000?ttl=0&recv_buf_size=100"));
+  EXPECT_EQ("memq://", BusUrl("memq://"));
+  EXPECT_EQ("udpm://239.255.76.67:7667?ttl=0", BusUrl("", 0));
+  setenv("LCM_DEFAULT_URL", "udpm://239.255.9.9:7777?ttl=0", 1);
+  EXPECT_EQ("udpm://239.255.9.9:7777?ttl=0&recv_buf_size=8", BusUrl("", 8));
+  unsetenv("LCM_DEFAULT_URL");
+}
+
+TEST(LcmBusUrlTest, SaysWhenTheKernelCapsTheReceiveBufferAndHowToRaiseIt) {
+  const std::string url = "udpm://239.255.76.67:7667?recv_buf_size=4194304&ttl=0";
+  EXPECT_EQ(4194304, ReceiveBufferOf(url));
+  const std::string notice = ReceiveBufferCapNotice(url, 212992);
+  EXPECT_NE(std::string::npos, notice.find("212992")) << notice;
+  EXPECT_NE(std::string::npos, notice.find("sysctl -w net.core.rmem_max=4194304")) << notice;
+  EXPECT_EQ("", ReceiveBufferCapNotice(url, 4194304));
+  EXPECT_EQ("", ReceiveBufferCapNotice(url, -1));  // limit unknown
+  EXPECT_EQ("", ReceiveBufferCapNotice("udpm://239.255.76.67:7667?ttl=0", 1));
+  EXPECT_EQ(0, ReceiveBufferOf("memq://"));
+}
+
+TEST(LcmMessageTypeTest, NamesTheFingerprintOrSaysThePayloadIsTooShort) {
+  const std::string lcmgen("\x12\x34\xab\xcd\x56\x78\xef\x00payload", 15);
+  EXPECT_EQ("lcm:0x1234abcd5678ef00", LcmMessageType(lcmgen.data(), lcmgen.size()));
+  EXPECT_EQ("lcm:0x1234abcd5678ef00", LcmMessageType(lcmgen.data(), 8));
+  EXPECT_EQ(kShortLcmMessageType, LcmMessageType(lcmgen.data(), 7));
+  EXPECT_EQ(kShortLcmMessageType, LcmMessageType("", 0));
+}
+
+TEST(LcmMessageTypeTest, RecordedMessageTakesLcmReceiveTimeInMilliseconds) {
+  const std::string data("\x01\x02\x03\x04\x05\x06\x07\x08\x00z", 10);
+  const BagRecordWriter::Message m = RecordedMessage("/cam", 1700000000123999, data.data(), data.size(), 42);
+  EXPECT_EQ(1700000000123, m.time);
+  EXPECT_EQ(42, m.record_time);
+  EXPECT_EQ("/cam", m.topic);
+  EXPECT_EQ("lcm:0x0102030405060708", m.type);
+  EXPECT_EQ(data, m.data);
+}
+
+// The in-process provider: real LCM dispatching, no network.
+std::vector<std::pair<std::string, std::string>> Deliver(
+    const std::vector<std::string>& channels, const std::vector<std::pair<std::string, std::string>>& sent) {
+  std::string error;
+  std::unique_ptr<LcmBus> bus = LcmBus::Open("memq://", &error);
+  EXPECT_NE(nullptr, bus) << error;
+  std::vector<std::pair<std::string, std::string>> got;
+  bus->Subscribe(channels, [&](const LcmBus::Message& m) {
+    got.emplace_back(m.channel, std::string(static_cast<const char*>(m.data), m.size));
+  });
+  for (const auto& message : sent) EXPECT_TRUE(bus->Publish(message.first, message.second));
+  while (bus->Handle(0) > 0) {
+  }
+  return got;
+}
+
+TEST(LcmBusTest, DeliversEveryChannelWhenNoneIsNamedBytesIntact) {
+  const std::vector<std::pair<std::string, std::string>> sent = {
+      {"/a", std::string("\0\x01\xff", 3)}, {"b.c", "two"}, {"/a", std::string(100000, 'x')}};
+  EXPECT_EQ(sent, Deliver({}, sent));
+}
+
+TEST(LcmBusTest, TakesNamedChannelsLiterallyNotAsPatterns) {
+  const std::vector<std::pair<std::string, std::string>> sent = {
+      {"a.b", "1"}, {"aXb", "2"}, {"/x+", "3"}, {"/xx", "4"}, {"/y", "5"}};
+  const std::vector<std::pair<std::string, std::string>> want = {{"a.b", "1"}, {"/x+", "3"}};
+  EXPECT_EQ(want, Deliver({"a.b", "/x+"}, sent));
+}
+
+TEST(LcmBusTest, RefusesAnUnknownProviderWithOneLine) {
+  std::string error;
+  EXPECT_EQ(nullptr, LcmBus::Open("nosuch://", &error));
+  EXPECT_NE(std::string::npos, error.find("nosuch://")) << error;
+}
+
+}  // namespace
+}  // namespace cli
+}  // namespace kelo

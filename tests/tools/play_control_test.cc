@@ -1,0 +1,159 @@
+#include "tools/kelo_bag/play_control.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "output/tools_module_output.h"
+#include "platform/bag/bag_writer.h"
+#include "platform/fileio/file_path.h"
+#include "play/bag_play.h"
+#include "tests/support/temp_dir.h"
+#include "tests/tools/subprocess.h"
+
+namespace kelo {
+namespace cli {
+namespace {
+
+using testing_support::TempDir;
+using testing_support::WaitFor;
+
+constexpr long kBegin = 1700000000000;
+
+// A player over /tick every 100 ms for 20 s, stepped on a thread of its own as the tool
+// steps it, with the keys' control in between, remembering the timeline it shows.
+class Playback {
+ public:
+  Playback(int start_s, int duration_s) {
+    BagWriter writer(fileio::FilePath(dir_.file("ticks.kelobag.active")));
+    writer.open("");
+    for (long t = 0; t <= 20000; t += 100) writer.append_message(kBegin + t, 0, "/tick", "t", "t");
+    play_.reset(new BagPlay(writer.close()));
+    play_->output()->set_output_string_func([](const std::string&) {});
+    control_.reset(new PlayControl(play_.get(), kBegin, start_s, duration_s));
+    play_->SetTimelineInfoCallback([this](bool paused, long bag_time, double elapsed_s, double duration_s) {
+      const long shown = control_->OnTimeline(paused, bag_time, elapsed_s, duration_s);
+      std::lock_guard<std::mutex> hold(mutex_);
+      paused_ = paused;
+      shown_ = shown;
+      if (bag_time > 0) ++batches_;
+    });
+    EXPECT_TRUE(play_->ControlPlay(start_s, duration_s));
+    stepper_ = std::thread([this] {
+      while (!stop_.load()) {
+        const int code = control_->Step();
+        if (code != BagPlay::kPlayed) usleep(10000);
+      }
+    });
+  }
+  ~Playback() {
+    stop_.store(true);
+    stepper_.join();
+  }
+
+  PlayControl& control() { return *control_; }
+  bool paused() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return paused_;
+  }
+  // The bag time shown, in ms after the bag's beginning.
+  long shown() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return shown_ - kBegin;
+  }
+  long batches() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return batches_;
+  }
+
+ private:
+  TempDir dir_;
+  std::unique_ptr<BagPlay> play_;
+  std::unique_ptr<PlayControl> control_;
+  std::mutex mutex_;
+  bool paused_ = true;
+  long shown_ = 0;
+  long batches_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread stepper_;
+};
+
+TEST(PlayControlTest, SpacePausesAndResumesAndStepPlaysOneBatchWhilePaused) {
+  Playback playback(2, 0);
+  ASSERT_TRUE(WaitFor([&] { return !playback.paused() && playback.shown() >= 2200; }, 5000));
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  ASSERT_TRUE(WaitFor([&] { return playback.paused(); }, 5000));
+  const long at = playback.shown();
+  usleep(300000);
+  EXPECT_EQ(at, playback.shown());  // the time stands still while paused
+
+  EXPECT_TRUE(playback.control().Apply(Key::kStep));
+  ASSERT_TRUE(WaitFor([&] { return playback.shown() == at + 100; }, 5000)) << playback.shown();
+  usleep(300000);
+  EXPECT_EQ(at + 100, playback.shown());
+  EXPECT_TRUE(playback.paused());
+
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  ASSERT_TRUE(WaitFor([&] { return !playback.paused() && playback.shown() > at + 100; }, 5000));
+  // Step while running pauses first.
+  EXPECT_TRUE(playback.control().Apply(Key::kStep));
+  ASSERT_TRUE(WaitFor([&] { return playback.paused(); }, 5000));
+}
+
+TEST(PlayControlTest, ArrowsSeekFiveSecondsWithinTheChosenRangeAndKeepThePause) {
+  Playback playback(2, 10);  // seconds 2 to 12 of the bag
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  ASSERT_TRUE(WaitFor([&] { return playback.paused(); }, 5000));
+  const long at = playback.shown();
+  ASSERT_LT(at, 7000);
+
+  // Back past the range's start stops at the start.
+  EXPECT_TRUE(playback.control().Apply(Key::kLeft));
+  ASSERT_TRUE(WaitFor([&] { return playback.shown() == 2000; }, 5000)) << playback.shown();
+  EXPECT_TRUE(playback.paused());
+  EXPECT_TRUE(playback.control().Apply(Key::kRight));
+  ASSERT_TRUE(WaitFor([&] { return playback.shown() == 7000; }, 5000)) << playback.shown();
+  EXPECT_TRUE(playback.paused());
+  // 12 s is the range's end: nothing would be left, so the key is refused.
+  EXPECT_FALSE(playback.control().Apply(Key::kRight));
+  usleep(200000);
+  EXPECT_EQ(7000, playback.shown());
+  // From a played batch, a seek counts from that batch's second.
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  ASSERT_TRUE(WaitFor([&] { return playback.shown() >= 8200; }, 5000)) << playback.shown();
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  ASSERT_TRUE(WaitFor([&] { return playback.paused(); }, 5000));
+  const long from = playback.shown();
+  EXPECT_TRUE(playback.control().Apply(Key::kLeft));
+  ASSERT_TRUE(WaitFor([&] { return playback.shown() == from / 1000 * 1000 - 5000; }, 5000))
+      << from << " to " << playback.shown();
+  EXPECT_TRUE(playback.paused());
+
+  // Running, a seek goes on running from the new place.
+  EXPECT_TRUE(playback.control().Apply(Key::kPause));
+  EXPECT_TRUE(playback.control().Apply(Key::kRight));
+  ASSERT_TRUE(WaitFor([&] { return !playback.paused() && playback.shown() >= 7000; }, 5000))
+      << playback.shown();
+}
+
+TEST(PlayControlTest, LoopKeyMakesTheRangePlayAgain) {
+  Playback playback(0, 1);
+  EXPECT_FALSE(playback.control().loop());
+  EXPECT_TRUE(playback.control().Apply(Key::kLoop));
+  EXPECT_TRUE(playback.control().loop());
+  // The range holds 11 batches; looping, the player goes on past them.
+  ASSERT_TRUE(WaitFor([&] { return playback.batches() > 25; }, 10000)) << playback.batches();
+  EXPECT_LE(playback.shown(), 1000);
+  EXPECT_TRUE(playback.control().Apply(Key::kLoop));
+  EXPECT_FALSE(playback.control().loop());
+  EXPECT_FALSE(playback.control().Apply(Key::kQuit));  // not the player's business
+}
+
+}  // namespace
+}  // namespace cli
+}  // namespace kelo

@@ -1,0 +1,21 @@
+#!/bin/bash
+# Runs `kelo_bag demo` and checks what it leaves: exit 0, bags that `kelo_bag info` and
+# @mcap/core read alike, holding every message the recorder took.
+# Usage: run_demo_check.sh <kelo_bag> <work dir>
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+tool="$1"
+work="$2"
+if [ ! -d "$here/../interop/node_modules/@mcap/core" ]; then
+  echo "tests/interop/node_modules is missing: run 'npm ci' in tests/interop" >&2
+  exit 1
+fi
+rm -rf "$work" "$work.log"
+"$tool" demo "$work" > "$work.log"
+grep -q "^demo done: " "$work.log"
+# "published N messages; the recorder took N (...) and dropped D"
+took=$(sed -n 's/^published [0-9]* messages; the recorder took \([0-9]*\) .* and dropped \([0-9]*\)$/\1 \2/p' "$work.log")
+[ -n "$took" ] || { echo "the demo did not say what it recorded" >&2; exit 1; }
+read -r taken dropped <<< "$took"
+"$tool" info --json "$work"/*.kelobag > "$work/info.json"
+node "$here/check_demo_bags.mjs" "$work" "$work/info.json" "$((taken - dropped))"

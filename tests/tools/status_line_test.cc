@@ -1,0 +1,130 @@
+#include "tools/kelo_bag/status_line.h"
+
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tools/kelo_bag/monitor_view.h"
+
+namespace kelo {
+namespace cli {
+namespace {
+
+// What a StatusLine wrote, read back from its file.
+std::string Written(FILE* file) {
+  std::fflush(file);
+  std::rewind(file);
+  std::string text;
+  for (int c; (c = std::fgetc(file)) != EOF;) text += static_cast<char>(c);
+  return text;
+}
+
+tools::interactive::BagRecordMonitor Snapshot() {
+  tools::interactive::BagRecordMonitor m;
+  m.set_node_name("car7");
+  m.set_file_name("rec/bag_20240305140709_2.kelobag.active");
+  m.set_record_time(75.5);
+  m.set_queue_size(3);
+  m.set_drop_count(2);
+  m.mutable_message_info()->set_freq(230.0);
+  m.mutable_message_info()->set_pre_bytes(3.0 * 1048576);
+  m.mutable_message_info()->set_total_bytes(250 * 1048576ULL);
+  const struct {
+    const char* name;
+    int count;
+    double freq;
+  } topics[] = {{"/camera", 300, 30.0}, {"/imu", 2000, 200.0}};
+  for (const auto& t : topics) {
+    auto* topic = m.add_topic_info();
+    topic->set_topic_name(t.name);
+    topic->set_message_count(t.count);
+    topic->mutable_message_info()->set_freq(t.freq);
+    topic->mutable_message_info()->set_pre_bytes(t.freq * 100);
+    topic->mutable_message_info()->set_total_bytes(static_cast<uint64_t>(t.count) * 100);
+  }
+  return m;
+}
+
+TEST(StatusLineTest, TellsTimeMessagesSizeDropsAndRates) {
+  const RecordStatus status = StatusOf(Snapshot());
+  EXPECT_EQ(2300u, status.messages);
+  EXPECT_EQ("recording 01:15  2300 msgs  250 MB  2 drops  (230.0 msg/s, 3.00 MB/s, queue 3)",
+            FormatRecordStatus(status));
+  RecordStatus one;
+  one.drops = 1;
+  one.seconds = 3725;
+  EXPECT_EQ("caching 1:02:05  0 msgs  0 B  1 drop  (0.0 msg/s, 0 B/s, queue 0)",
+            FormatRecordStatus(one, "caching"));
+}
+
+TEST(StatusLineTest, PrintsALineEachTimeWhenNotOnATerminal) {
+  FILE* file = std::tmpfile();
+  StatusLine status(file, false);
+  status.Show("one");
+  status.AfterText("split bag: x\n");
+  status.Show("two");
+  status.Clear();
+  EXPECT_EQ("one\ntwo\n", Written(file));
+  std::fclose(file);
+}
+
+TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
+  FILE* file = std::tmpfile();
+  StatusLine status(file, true);
+  status.Show("recording 00:01  12 msgs");
+  status.Show("recording 00:02  24 msgs");
+  // Longer than the status line: it covers it, nothing to erase.
+  status.AfterText("split bag: rec/bag_20240305140709_0.kelobag\n");
+  status.Show("recording 00:03  36 msgs");
+  // Shorter, printed with a line end the sink does not see: column 12 on, one line up.
+  status.AfterText("record exit");
+  status.Show("recording 00:04  48 msgs");
+  // Two lines: the status line was under the first, two lines up.
+  status.AfterText("duration:\n  12.50\n");
+  status.Clear();
+  status.Clear();  // nothing left to clear
+  EXPECT_EQ(
+      "\r\033[Krecording 00:01  12 msgs\r"
+      "\r\033[Krecording 00:02  24 msgs\r"
+      "\r\033[Krecording 00:03  36 msgs\r"
+      "\0337\033[1A\033[12G\033[K\0338"
+      "\r\033[Krecording 00:04  48 msgs\r"
+      "\0337\033[2A\033[10G\033[K\0338",
+      Written(file));
+  std::fclose(file);
+}
+
+TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
+  RecordMonitorClient::Reply reply;
+  reply.peer = "127.0.0.1";
+  reply.port = 40001;
+  reply.monitor = Snapshot();
+  const std::string table = FormatMonitorTable({reply});
+  for (const char* text : {"car7 at 127.0.0.1:40001", "file rec/bag_20240305140709_2.kelobag.active",
+                           "recording 01:15  queue 3  drops 2", "total 2300 msgs 250 MB"}) {
+    EXPECT_NE(std::string::npos, table.find(text)) << text << "\n" << table;
+  }
+  EXPECT_NE(std::string::npos, table.find("  /camera      30.0    2.93 KB/s        300    29.3 KB\n"))
+      << table;
+  EXPECT_NE(std::string::npos, table.find("  /imu        200.0    19.5 KB/s       2000     195 KB\n"))
+      << table;
+  EXPECT_EQ("no recorder answered\n", FormatMonitorTable({}));
+
+  const Json::Value json = MonitorJson({reply, reply});
+  ASSERT_EQ(2u, json["recorders"].size());
+  const Json::Value& r = json["recorders"][1];
+  EXPECT_EQ("car7", r["node"].asString());
+  EXPECT_EQ(40001, r["port"].asInt());
+  EXPECT_EQ(2300u, r["messages"].asUInt64());
+  EXPECT_EQ(2, r["drops"].asInt());
+  EXPECT_DOUBLE_EQ(75.5, r["record_time_s"].asDouble());
+  ASSERT_EQ(2u, r["topics"].size());
+  EXPECT_EQ("/imu", r["topics"][1]["topic"].asString());
+  EXPECT_EQ(200000u, r["topics"][1]["total_bytes"].asUInt64());
+  EXPECT_TRUE(MonitorJson({})["recorders"].isArray());
+}
+
+}  // namespace
+}  // namespace cli
+}  // namespace kelo

@@ -1,0 +1,126 @@
+#ifndef KELO_TESTS_TOOLS_SUBPROCESS_H_
+#define KELO_TESTS_TOOLS_SUBPROCESS_H_
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kelo {
+namespace testing_support {
+
+inline std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Polls `condition` every 20 ms until it holds or `timeout_ms` passed; returns whether it held.
+inline bool WaitFor(const std::function<bool()>& condition, int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+// A program run by a test, with standard output and error going to files, so the test
+// can read what it printed at any time. Standard input is /dev/null. The process is
+// killed when the object goes, if it still runs.
+//
+//   Subprocess record({KELO_BAG, "record", "-a"}, dir.file("record"));
+//   ASSERT_TRUE(WaitFor([&] { return record.Stdout().find("recording") != npos; }, 5000));
+//   record.Signal(SIGINT);
+//   EXPECT_EQ(0, record.Wait(30000));
+class Subprocess {
+ public:
+  // Starts `argv`; output goes to `<log_prefix>.out` and `<log_prefix>.err`.
+  Subprocess(const std::vector<std::string>& argv, const std::string& log_prefix)
+      : out_path_(log_prefix + ".out"), err_path_(log_prefix + ".err") {
+    // Everything the child needs is made before fork(): a child of a threaded process may
+    // only call async-signal-safe functions.
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int in = open("/dev/null", O_RDONLY);
+      const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(in, 0);
+      dup2(out, 1);
+      dup2(err, 2);
+      execv(args[0], args.data());
+      _exit(127);
+    }
+  }
+  ~Subprocess() {
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  Subprocess(const Subprocess&) = delete;
+  Subprocess& operator=(const Subprocess&) = delete;
+
+  void Signal(int signal_number) {
+    if (pid_ > 0 && !exited_) kill(pid_, signal_number);
+  }
+
+  // Waits up to `timeout_ms` for the process to end; returns its exit code, 128 + the
+  // signal that ended it, or -1 when it still runs.
+  int Wait(int timeout_ms) {
+    if (exited_) return code_;
+    WaitFor([this] { return Poll(); }, timeout_ms);
+    return exited_ ? code_ : -1;
+  }
+
+  bool running() { return !Poll(); }
+
+  std::string Stdout() const { return ReadWholeFile(out_path_); }
+  std::string Stderr() const { return ReadWholeFile(err_path_); }
+
+ private:
+  bool Poll() {
+    if (exited_) return true;
+    int status = 0;
+    if (pid_ <= 0) return exited_ = true;
+    if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
+    exited_ = true;
+    code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return true;
+  }
+
+  const std::string out_path_;
+  const std::string err_path_;
+  pid_t pid_ = -1;
+  bool exited_ = false;
+  int code_ = -1;
+};
+
+// Runs `argv` to its end (at most `timeout_ms`), returning its exit code and, through the
+// pointers, what it printed.
+inline int RunToEnd(const std::vector<std::string>& argv, const std::string& log_prefix, std::string* out,
+                    std::string* err, int timeout_ms = 60000) {
+  Subprocess process(argv, log_prefix);
+  const int code = process.Wait(timeout_ms);
+  if (out != nullptr) *out = process.Stdout();
+  if (err != nullptr) *err = process.Stderr();
+  return code;
+}
+
+}  // namespace testing_support
+}  // namespace kelo
+
+#endif  // KELO_TESTS_TOOLS_SUBPROCESS_H_

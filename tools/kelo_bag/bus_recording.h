@@ -1,0 +1,56 @@
+#ifndef KELO_TOOLS_KELO_BAG_BUS_RECORDING_H_
+#define KELO_TOOLS_KELO_BAG_BUS_RECORDING_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "record/bag_record_writer.h"
+
+namespace kelo {
+
+class BagRecord;
+
+namespace cli {
+
+class LcmBus;
+
+// How the tool connects a bus to a recorder, and how it stops without losing what it
+// received: it stops taking messages from the bus first, then lets the recorder write what
+// it holds, then stops the recorder, which completes its file.
+//
+//   FeedRecorder(bus, &record, topics);
+//   record.Start();
+//   PumpBus(bus, [] { return StopSignal::Requested(); }, [&] { status.Show(...); });
+//   FinishRecording(&record, kDrainTimeoutMs);
+
+// The record of one LCM message, as the recorder files it: time = LCM's receive time in ms,
+// type = LcmMessageType of the payload. `record_time_ms` is when the tool took it.
+BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const void* data,
+                                         size_t size, long record_time_ms);
+
+// Subscribes `record` to `topics` of `bus` (every channel when empty).
+void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics);
+
+// Dispatches the bus's messages on this thread until `stop` returns true, calling
+// `every_second` once a second. With `feed`, each round first calls it (it publishes on the
+// bus, from this thread, whatever is to be published, waiting briefly for something), then
+// dispatches everything published. Returns false when the bus failed (LCM says why on
+// stderr).
+bool PumpBus(LcmBus* bus, const std::function<bool()>& stop, const std::function<void()>& every_second,
+             const std::function<void()>& feed = nullptr);
+
+// Waits, at most `drain_timeout_ms`, until the recorder has written every message it took,
+// then stops it (completing its file). Returns false, after saying on stderr how many
+// messages were left unwritten, when the time ran out.
+bool FinishRecording(BagRecord* record, int drain_timeout_ms);
+
+// Milliseconds since the epoch.
+long WallClockMs();
+
+}  // namespace cli
+}  // namespace kelo
+
+#endif  // KELO_TOOLS_KELO_BAG_BUS_RECORDING_H_

@@ -1,0 +1,123 @@
+#include "tools/kelo_bag/command_options.h"
+
+#include <algorithm>
+
+namespace kelo {
+namespace cli {
+
+std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, const char* const* argv) {
+  const std::set<std::string> given = opt.get_list(opt.name());
+  std::vector<std::string> ordered;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (given.count(arg) != 0 && std::find(ordered.begin(), ordered.end(), arg) == ordered.end()) {
+      ordered.push_back(arg);
+    }
+  }
+  // A value the parser took in another form ("--", say) still counts.
+  for (const std::string& arg : given) {
+    if (std::find(ordered.begin(), ordered.end(), arg) == ordered.end()) ordered.push_back(arg);
+  }
+  return ordered;
+}
+
+PlayOpt::PlayOpt()
+    : ToolsOptions("play", "play bags back at wall-clock pace", "bag_file(s)", OptionInfo::kList) {}
+
+void PlayOpt::register_opts() {
+  register_opt("start", "start this many seconds after the earliest bag's start", "seconds",
+               OptionInfo::kInt);
+  register_opt("duration", "play this many seconds (0: to the end)", "seconds", OptionInfo::kInt);
+  register_opt("loop", "play the range again and again", "", OptionInfo::kFlag);
+  register_opt("topics", "play only these topics (repeat the option or separate with commas)", "topic",
+               OptionInfo::kList);
+  register_opt("publish", "put every message back on the LCM bus under its topic", "", OptionInfo::kFlag);
+  register_opt("url", "LCM bus URL for --publish (default: LCM_DEFAULT_URL or LCM's own)", "lcm_url",
+               OptionInfo::kString);
+}
+
+void PlayOpt::load_opts() {
+  files.clear();
+  for (const std::string& file : get_list(name())) files.push_back(file);
+  start = get_int("start", 0);
+  duration = get_int("duration", 0);
+  loop = get_bool("loop");
+  topics = get_list("topics");
+  publish = get_bool("publish");
+  url = get_string("url", "");
+}
+
+std::string PlayOpt::Check() const {
+  if (files.empty()) return "give at least one bag file";
+  if (start < 0) return "--start must not be negative";
+  if (duration < 0) return "--duration must not be negative";
+  return "";
+}
+
+InfoOpt::InfoOpt() : ToolsOptions("info", "describe bag files", "bag_file(s)", OptionInfo::kList) {}
+
+void InfoOpt::register_opts() {
+  register_opt("json", "print one JSON document instead of text", "", OptionInfo::kFlag);
+}
+
+void InfoOpt::load_opts() {
+  files.clear();
+  for (const std::string& file : get_list(name())) files.push_back(file);
+  json = get_bool("json");
+}
+
+std::string InfoOpt::Check() const { return files.empty() ? "give at least one bag file" : ""; }
+
+MonitorOpt::MonitorOpt()
+    : ToolsOptions("monitor", "show the recorders that answer on the monitor group", "",
+                   OptionInfo::kString) {}
+
+void MonitorOpt::register_opts() {
+  register_opt("once", "query once, print, and exit", "", OptionInfo::kFlag);
+  register_opt("json", "print JSON (one document per refresh)", "", OptionInfo::kFlag);
+  register_opt("wait", "milliseconds a query collects answers (default 1000)", "ms", OptionInfo::kInt);
+  register_opt("interface", "network interface to ask on (default: loopback only)", "name",
+               OptionInfo::kString);
+}
+
+void MonitorOpt::load_opts() {
+  once = get_bool("once");
+  json = get_bool("json");
+  wait_ms = get_int("wait", 1000);
+  interface = get_string("interface", "");
+}
+
+std::string MonitorOpt::Check() const {
+  return wait_ms < 1 || wait_ms > 60000 ? "--wait must be 1 to 60000 ms" : "";
+}
+
+TriggerOpt::TriggerOpt()
+    : ToolsOptions("trigger", "send a trigger to every trigger-mode recorder", "", OptionInfo::kString) {}
+
+void TriggerOpt::register_opts() {
+  register_opt("label", "label of the trigger, part of the saved file names", "label", OptionInfo::kString);
+  register_opt("wait", "seconds to wait for the recorders to save (default: as long as they say)", "seconds",
+               OptionInfo::kInt);
+  register_opt("interface", "network interface to send on (default: loopback only)", "name",
+               OptionInfo::kString);
+}
+
+void TriggerOpt::load_opts() {
+  label = get_string("label", "");
+  wait_s = get_int("wait", 0);
+  interface = get_string("interface", "");
+}
+
+std::string TriggerOpt::Check() const {
+  if (wait_s < 0) return "--wait must not be negative";
+  return "";
+}
+
+DemoOpt::DemoOpt()
+    : ToolsOptions("demo", "record, inspect and play back a demo recording, with no network", "directory",
+                   OptionInfo::kString) {}
+
+void DemoOpt::load_opts() { directory = get_string(name(), ""); }
+
+}  // namespace cli
+}  // namespace kelo

@@ -1,0 +1,89 @@
+#ifndef KELO_TOOLS_KELO_BAG_COMMAND_OPTIONS_H_
+#define KELO_TOOLS_KELO_BAG_COMMAND_OPTIONS_H_
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/options/tools_options.h"
+
+namespace kelo {
+namespace cli {
+
+// The command lines of the kelo_bag commands other than record (see RecordToolOpt). Each
+// is parsed as ToolsOptions parses: a bad command line prints one line and parse()
+// returns kFailed; Check() adds what the parser cannot know, as one line, "" when fine.
+
+// The positional arguments of the last parse of `opt`, in the order of `argv` (the parser
+// keeps them as a set), each once.
+std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, const char* const* argv);
+
+// kelo_bag play FILE... [--start S] [--duration D] [--loop] [--topics T,...] [--publish]
+class PlayOpt : public ToolsOptions {
+ public:
+  PlayOpt();
+  void register_opts() override;
+  void load_opts() override;
+  std::string Check() const;
+
+  std::vector<std::string> files;  // in the order given, each once
+  int start = 0;                   // seconds after the earliest bag's start
+  int duration = 0;                // seconds; 0: to the end
+  bool loop = false;
+  std::set<std::string> topics;  // empty: every topic
+  bool publish = false;
+  std::string url;
+};
+
+// kelo_bag info FILE... [--json]
+class InfoOpt : public ToolsOptions {
+ public:
+  InfoOpt();
+  void register_opts() override;
+  void load_opts() override;
+  std::string Check() const;
+
+  std::vector<std::string> files;
+  bool json = false;
+};
+
+// kelo_bag monitor [--once] [--json] [--wait MS] [--interface NAME]
+class MonitorOpt : public ToolsOptions {
+ public:
+  MonitorOpt();
+  void register_opts() override;
+  void load_opts() override;
+  std::string Check() const;
+
+  bool once = false;
+  bool json = false;
+  int wait_ms = 1000;  // how long a query collects answers
+  std::string interface;
+};
+
+// kelo_bag trigger [--label X] [--wait S] [--interface NAME]
+class TriggerOpt : public ToolsOptions {
+ public:
+  TriggerOpt();
+  void register_opts() override;
+  void load_opts() override;
+  std::string Check() const;
+
+  std::string label;
+  int wait_s = 0;  // 0: as long as the nodes that answered say they need
+  std::string interface;
+};
+
+// kelo_bag demo [DIR]
+class DemoOpt : public ToolsOptions {
+ public:
+  DemoOpt();
+  void load_opts() override;
+
+  std::string directory;  // "" for a fresh temporary folder
+};
+
+}  // namespace cli
+}  // namespace kelo
+
+#endif  // KELO_TOOLS_KELO_BAG_COMMAND_OPTIONS_H_

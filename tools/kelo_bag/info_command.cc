@@ -1,0 +1,57 @@
+// kelo_bag info: describes bags, each and all together, as text or JSON.
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "tools/kelo_bag/bag_info.h"
+#include "tools/kelo_bag/command_options.h"
+#include "tools/kelo_bag/commands.h"
+
+namespace kelo {
+namespace cli {
+
+int RunInfo(int argc, const char* const* argv) {
+  InfoOpt opt;
+  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  opt.files = PositionalsAsGiven(opt, argc, argv);
+  const std::string wrong = opt.Check();
+  if (!wrong.empty()) {
+    std::fprintf(stderr, "info: %s (usage: info [OPTIONS] bag_file(s)...; see --help)\n", wrong.c_str());
+    return 2;
+  }
+
+  std::vector<BagSummary> summaries;
+  bool all_read = true;
+  for (const std::string& file : opt.files) {
+    BagSummary summary;
+    std::string error;
+    if (!SummarizeBag(file, &summary, &error)) {
+      std::fprintf(stderr, "info: %s\n", error.c_str());
+      all_read = false;
+      continue;
+    }
+    if (!opt.json) {
+      std::fputs(((summaries.empty() ? "" : "\n") + FormatSummary(summary)).c_str(), stdout);
+      std::fflush(stdout);
+    }
+    summaries.push_back(std::move(summary));
+  }
+  const bool merge = summaries.size() > 1;
+  if (opt.json) {
+    Json::Value root(Json::objectValue);
+    Json::Value& files = root["files"] = Json::Value(Json::arrayValue);
+    for (const BagSummary& summary : summaries) files.append(SummaryJson(summary));
+    root["merged"] = SummaryJson(MergeSummaries(summaries));
+    std::fputs(root.toStyledString().c_str(), stdout);
+  } else if (merge) {
+    std::fputs(("\n" + FormatSummary(MergeSummaries(summaries))).c_str(), stdout);
+  }
+  std::fflush(stdout);
+  return all_read ? 0 : 1;
+}
+
+}  // namespace cli
+}  // namespace kelo

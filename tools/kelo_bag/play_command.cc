@@ -1,0 +1,250 @@
+// kelo_bag play: plays bags back at wall-clock pace through BagPlay, with its timeline,
+// steered by keys in a terminal, optionally putting every message back on the LCM bus.
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "output/tools_module_output.h"
+#include "platform/bag/bag_reader.h"
+#include "play/bag_play.h"
+#include "tools/kelo_bag/command_options.h"
+#include "tools/kelo_bag/commands.h"
+#include "tools/kelo_bag/lcm_bus.h"
+#include "tools/kelo_bag/play_control.h"
+#include "tools/kelo_bag/status_line.h"
+#include "tools/kelo_bag/terminal_keys.h"
+
+namespace kelo {
+namespace cli {
+
+namespace {
+
+// How often a paused player is asked for its timeline: keys act on the next step.
+constexpr useconds_t kPausedStepUs = 100000;
+
+// Playback writes nothing, so a signal may end it at once; only the terminal must be put
+// back as it was.
+void ExitAtOnce(int signal_number) {
+  RawTerminal::RestoreNow();
+  static const char kLineEnd[] = "\n";
+  ssize_t ignored = write(STDOUT_FILENO, kLineEnd, 1);
+  (void)ignored;
+  _exit(128 + signal_number);
+}
+
+void QuitNow() {
+  RawTerminal::RestoreNow();
+  std::fputs("\nquit\n", stdout);
+  std::fflush(stdout);
+  // Straight out, without waiting for the player, which may be sleeping until its next
+  // batch is due with its lock held.
+  _exit(0);
+}
+
+// Keys other than q go to the player from a thread of their own, because a control call
+// waits while the player waits for its next batch, and q must still be read meanwhile.
+class KeyWorker {
+ public:
+  explicit KeyWorker(PlayControl* control) : control_(control), thread_([this] { Run(); }) {}
+  ~KeyWorker() {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+
+  void Push(Key key) {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      keys_.push_back(key);
+    }
+    changed_.notify_all();
+  }
+
+ private:
+  void Run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this] { return done_ || !keys_.empty(); });
+      if (done_) return;
+      const Key key = keys_.front();
+      keys_.pop_front();
+      lock.unlock();
+      control_->Apply(key);
+      lock.lock();
+    }
+  }
+
+  PlayControl* const control_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Key> keys_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
+// Reads keys from standard input until stopped; q ends the process.
+class KeyReader {
+ public:
+  explicit KeyReader(KeyWorker* worker) : worker_(worker), thread_([this] { Run(); }) {}
+  ~KeyReader() {
+    done_.store(true);
+    thread_.join();
+  }
+
+ private:
+  void Run() {
+    KeyDecoder decoder;
+    while (!done_.load()) {
+      pollfd fd = {STDIN_FILENO, POLLIN, 0};
+      if (poll(&fd, 1, 100) <= 0) continue;
+      char bytes[64];
+      const ssize_t got = read(STDIN_FILENO, bytes, sizeof(bytes));
+      if (got <= 0) return;  // no more input: playback goes on without keys
+      std::vector<Key> keys;
+      decoder.Feed(bytes, static_cast<size_t>(got), &keys);
+      for (Key key : keys) {
+        if (key == Key::kQuit) QuitNow();
+        worker_->Push(key);
+      }
+    }
+  }
+
+  KeyWorker* const worker_;
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+// The files that have something to play, each named once on stderr when it has not, and
+// the earliest start time among them: where the play range is counted from. A file without
+// messages is left out rather than given to the player, whose merged view would take its
+// start time of 0 as the bags' beginning.
+std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms) {
+  std::vector<std::string> playable;
+  *begin_ms = 0;
+  for (const std::string& file : files) {
+    BagReader reader(file);
+    const std::string error = reader.get_error();
+    if (!error.empty() && !reader.file_info().recovered) {
+      std::fprintf(stderr, "play: %s\n", error.c_str());
+      continue;
+    }
+    if (reader.count() == 0) {
+      std::fprintf(stderr, "play: %s: no messages to play\n", file.c_str());
+      continue;
+    }
+    playable.push_back(file);
+    if (*begin_ms == 0 || reader.start_time() < *begin_ms) *begin_ms = reader.start_time();
+  }
+  return playable;
+}
+
+}  // namespace
+
+int RunPlay(int argc, const char* const* argv) {
+  PlayOpt opt;
+  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  opt.files = PositionalsAsGiven(opt, argc, argv);
+  const std::string wrong = opt.Check();
+  if (!wrong.empty()) {
+    std::fprintf(stderr, "play: %s (usage: play [OPTIONS] bag_file(s)...; see --help)\n", wrong.c_str());
+    return 2;
+  }
+
+  std::unique_ptr<LcmBus> bus;
+  if (opt.publish) {
+    std::string error;
+    bus = LcmBus::Open(BusUrl(opt.url, 0), &error);
+    if (bus == nullptr) {
+      std::fprintf(stderr, "play: %s\n", error.c_str());
+      return opt.url.empty() ? 1 : 2;  // a URL the user gave is a bad command line
+    }
+  }
+
+  long begin_ms = 0;
+  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms);
+  if (playable.empty()) {
+    std::fprintf(stderr, "play: nothing to play\n");
+    return 1;
+  }
+  StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
+  // The player itself says what it kept of a recovered bag as it opens it.
+  BagPlay play(std::list<std::string>(playable.begin(), playable.end()));
+  play.SetFilterTopics(opt.topics);
+  uint64_t delivered = 0;
+  uint64_t publish_failures = 0;
+  play.SetMessageCallback(
+      [&](long time, const std::string& topic, const std::string& type, const std::string& data) {
+        ++delivered;
+        if (bus != nullptr && !bus->Publish(topic, data)) ++publish_failures;
+      });
+  PlayControl control(&play, begin_ms, opt.start, opt.duration);
+  // On a terminal the timeline is a status line, which the player's other texts (the
+  // summary printed after a seek, "stop") scroll above; elsewhere it is the player's own
+  // carriage-return line.
+  ToolsModuleOutput* output = play.output();
+  if (status.terminal())
+    output->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
+  play.SetTimelineInfoCallback([&](bool paused, long bag_time, double elapsed_s, double duration_s) {
+    const long shown_time = control.OnTimeline(paused, bag_time, elapsed_s, duration_s);
+    char line[256];
+    std::snprintf(line, sizeof(line), " [%s]%s  Bag Time: %ld   Duration: %.6f / %.6f",
+                  paused ? "PAUSED " : "RUNNING", control.loop() ? " [LOOP]" : "", shown_time, elapsed_s,
+                  duration_s);
+    if (status.terminal()) {
+      status.Show(line);
+    } else {
+      output->print_message(std::string("\r") + line + "               \r", false, true);
+      std::fflush(stdout);
+    }
+  });
+  if (opt.loop) control.Apply(Key::kLoop);
+
+  RawTerminal terminal(STDIN_FILENO);
+  struct sigaction action = {};
+  action.sa_handler = ExitAtOnce;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  if (terminal.active()) {
+    std::printf("keys: space pause/resume, s step, l loop, left/right seek %d s, q quit\n",
+                PlayControl::kSeekSeconds);
+  }
+  if (bus != nullptr) std::printf("publishing on %s\n", bus->url().c_str());
+  std::fflush(stdout);
+
+  play.ControlPlay(opt.start, opt.duration);
+  {
+    KeyWorker worker(&control);
+    std::unique_ptr<KeyReader> reader(terminal.active() ? new KeyReader(&worker) : nullptr);
+    for (;;) {
+      const int code = control.Step();
+      if (code == BagPlay::kStopped || code == BagPlay::kNoMessage) break;
+      if (code == BagPlay::kPaused) usleep(kPausedStepUs);
+    }
+  }
+  std::printf("\nplayed %llu messages\n", static_cast<unsigned long long>(delivered));
+  if (publish_failures > 0) {
+    std::fprintf(stderr, "play: %llu messages could not be published\n",
+                 static_cast<unsigned long long>(publish_failures));
+  }
+  std::fflush(stdout);
+  return publish_failures == 0 && playable.size() == opt.files.size() ? 0 : 1;
+}
+
+}  // namespace cli
+}  // namespace kelo

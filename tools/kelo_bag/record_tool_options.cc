@@ -1,0 +1,41 @@
+#include "tools/kelo_bag/record_tool_options.h"
+
+namespace kelo {
+namespace cli {
+
+void RecordToolOpt::register_opts() {
+  BagRecordOpt::register_opts();
+  register_opt("url", "LCM bus URL (default: LCM_DEFAULT_URL or LCM's own, with a 4 MB receive buffer)",
+               "lcm_url", OptionInfo::kString);
+  register_opt("interface", "network interface for monitor and trigger traffic (default: loopback only)",
+               "name", OptionInfo::kString);
+  register_opt("compression", "chunk compression: zstd (default), lz4 or none", "kind", OptionInfo::kString);
+}
+
+void RecordToolOpt::load_opts() {
+  BagRecordOpt::load_opts();
+  url = get_string("url", "");
+  interface = get_string("interface", "");
+  compression = get_string("compression", "zstd");
+}
+
+std::string RecordToolOpt::Check() const {
+  if (all && !topics.empty()) return "give topic names or -a (every channel), not both";
+  if (!all && topics.empty()) return "give the topics to record, or -a for every channel";
+  if (compression != "zstd" && compression != "lz4" && compression != "none") {
+    return "--compression must be zstd, lz4 or none, not \"" + compression + "\"";
+  }
+  if (split_time < 0) return "--split_time must not be negative";
+  return "";
+}
+
+BagWriterOptions RecordToolOpt::WriterOptions() const {
+  BagWriterOptions options = DefaultBagWriterOptions();
+  options.compression = BagCompression::kZstd;
+  if (compression == "lz4") options.compression = BagCompression::kLz4;
+  if (compression == "none") options.compression = BagCompression::kNone;
+  return options;
+}
+
+}  // namespace cli
+}  // namespace kelo

@@ -1,0 +1,39 @@
+#ifndef KELO_TOOLS_KELO_BAG_RECORD_TOOL_OPTIONS_H_
+#define KELO_TOOLS_KELO_BAG_RECORD_TOOL_OPTIONS_H_
+
+#include <string>
+
+#include "platform/bag/bag_writer_options.h"
+#include "record/bag_record_options.h"
+
+namespace kelo {
+namespace cli {
+
+// The command line of `kelo_bag record`: the recorder's own options (BagRecordOpt) and
+// what only the tool needs: the LCM bus URL, the cast interface on which the recorder
+// answers monitors and triggers, and the chunk compression.
+//
+//   RecordToolOpt opt;
+//   if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+//   if (!opt.Check().empty()) ...   // one line for the user, exit code 2
+class RecordToolOpt : public BagRecordOpt {
+ public:
+  void register_opts() override;
+  void load_opts() override;
+
+  // "" when the settings make sense together; otherwise one line saying what is wrong:
+  // no topic and no -a, both, or an unknown compression.
+  std::string Check() const;
+
+  // The writer options that `compression` asks for (zstd unless it names another).
+  BagWriterOptions WriterOptions() const;
+
+  std::string url;          // "" for LCM's default
+  std::string interface;    // "" for loopback
+  std::string compression;  // "zstd", "lz4" or "none"
+};
+
+}  // namespace cli
+}  // namespace kelo
+
+#endif  // KELO_TOOLS_KELO_BAG_RECORD_TOOL_OPTIONS_H_
