@@ -77,7 +77,7 @@ TEST(TriggerRecordNodeApiTest, ATriggerFromAnotherProcessReachesEveryNodeOfThisP
     log.Add("n2", notice);
   });
 
-  PeerProcess sender({"send", "from_peer", "20000", "2000"});
+  PeerProcess sender(KELO_TRIGGER_PEER, {"send", "from_peer", "20000", "2000"});
   ASSERT_TRUE(sender.WaitForLine("sent"));
   ASSERT_TRUE(log.WaitFor(3, "from_peer"));
   std::set<std::string> noticed;
@@ -96,7 +96,7 @@ TEST(TriggerRecordNodeApiTest, ATriggerFromAnotherProcessReachesEveryNodeOfThisP
 }
 
 TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSenderLearnsWhatEachSaved) {
-  PeerProcess peer({"nodes", "0", "p1", "p2"});
+  PeerProcess peer(KELO_TRIGGER_PEER, {"nodes", "0", "p1", "p2"});
   ASSERT_TRUE(peer.WaitForLine("ready"));
   NoticeLog log;
   TriggerRecordNodeApi saver("bag_record", "l1", kDir, 0);

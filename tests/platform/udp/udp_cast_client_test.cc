@@ -1,9 +1,6 @@
 #include "platform/udp/udp_cast_client.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,9 +14,8 @@
 
 #include "platform/udp/memory_stream.h"
 #include "platform/udp/udp_cast_server.h"
+#include "tests/support/peer_process.h"
 #include "tests/platform/udp/udp_test_util.h"
-
-extern char** environ;
 
 namespace kelo {
 namespace {
@@ -28,64 +24,6 @@ constexpr char kGroup[] = "224.0.0.88";
 // How long a query listens when answers are expected at once: generous for slow builds.
 constexpr int kAnswerWindowMs = 2000;
 
-// A udp_cast_peer process serving a group and port until it is stopped.
-class PeerProcess {
- public:
-  PeerProcess(const std::string& group, int port, const std::string& name) {
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const std::string port_text = std::to_string(port);
-    std::vector<char*> argv = {const_cast<char*>(KELO_UDP_CAST_PEER), const_cast<char*>(group.c_str()),
-                               const_cast<char*>(port_text.c_str()), const_cast<char*>(name.c_str()),
-                               nullptr};
-    if (posix_spawn(&pid_, KELO_UDP_CAST_PEER, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    stdin_ = in[1];
-    stdout_ = out[0];
-  }
-
-  ~PeerProcess() { Stop(); }
-
-  // Whether the peer said it joined its group within `timeout_ms`.
-  bool WaitReady(int timeout_ms = testing_udp::kWaitMs) {
-    std::string said;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (said.find("ready\n") == std::string::npos) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      pollfd fd = {stdout_, POLLIN, 0};
-      if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) <= 0) return false;
-      char chunk[64];
-      const ssize_t n = read(stdout_, chunk, sizeof(chunk));
-      if (n <= 0) return false;
-      said.append(chunk, static_cast<size_t>(n));
-    }
-    return true;
-  }
-
-  // Closes the peer's input and returns its exit status (-1 when it did not exit normally).
-  int Stop() {
-    if (pid_ <= 0) return -1;
-    close(stdin_);
-    close(stdout_);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int stdin_ = -1;
-  int stdout_ = -1;
-};
-
 std::string ReadName(const UdpCastClient::Reply& reply) {
   MemoryStream body(reply.body);
   std::string name;
@@ -93,9 +31,10 @@ std::string ReadName(const UdpCastClient::Reply& reply) {
 }
 
 TEST(UdpCastClientTest, EveryServerOfTheGroupAnswersOneQueryWhateverProcessItLivesIn) {
-  PeerProcess a(kGroup, 28101, "peer-a"), b(kGroup, 28101, "peer-b");
-  ASSERT_TRUE(a.WaitReady());
-  ASSERT_TRUE(b.WaitReady());
+  testing_support::PeerProcess a(KELO_UDP_CAST_PEER, {kGroup, "28101", "peer-a"});
+  testing_support::PeerProcess b(KELO_UDP_CAST_PEER, {kGroup, "28101", "peer-b"});
+  ASSERT_TRUE(a.WaitForLine("ready"));
+  ASSERT_TRUE(b.WaitForLine("ready"));
   UdpCastServer local(kGroup, 28101);
   local.register_callback("who", [&local](const std::string& peer, int port, UdpMessage& m) {
     UdpMessage reply = m.create_recv("who_recv");
