@@ -26,6 +26,6 @@ done
 
 if [ -x tests/fuzz/run_fuzz.sh ]; then
   echo "=== fuzz"
-  tests/fuzz/run_fuzz.sh
+  tests/fuzz/run_fuzz.sh build/fuzz
 fi
 echo "all tests passed: ${presets[*]}"

@@ -9,6 +9,11 @@ build="${1:-/tmp/kelo-bag-fuzz}"
 seconds="${FUZZ_SECONDS:-30}"
 
 mkdir -p "$build"
+# A build folder configured from another checkout cannot be reused.
+if [ -f "$build/CMakeCache.txt" ] && ! grep -q "^CMAKE_HOME_DIRECTORY:INTERNAL=$here\$" "$build/CMakeCache.txt"; then
+  rm -rf "$build"
+  mkdir -p "$build"
+fi
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$build/configure.log" 2>&1 ||
   { cat "$build/configure.log"; exit 1; }
