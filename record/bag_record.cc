@@ -16,19 +16,11 @@
 #include "platform/udp/udp_cast_server.h"
 #include "platform/udp/udp_message.h"
 #include "record/bag_record_options.h"
+#include "record/wall_clock.h"
 
 namespace kelo {
 
 namespace {
-
-// Milliseconds since the epoch, as the recorder stamps everything it takes in.
-int64_t ToMs(const struct timeval& tv) { return static_cast<int64_t>(tv.tv_sec * 1000 + tv.tv_usec / 1000.0); }
-
-int64_t WallClockMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return ToMs(now);
-}
 
 // The counters are 32-bit and wrap like the unsigned arithmetic underneath, never
 // overflowing into undefined behaviour.

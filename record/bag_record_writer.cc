@@ -13,18 +13,9 @@
 #include "platform/space/file_space_manager.h"
 #include "platform/trigger/trigger_record_node_api.h"
 #include "record/bag_record_options.h"
+#include "record/wall_clock.h"
 
 namespace kelo {
-
-namespace {
-
-int64_t WallClockMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return static_cast<int64_t>(now.tv_sec * 1000 + now.tv_usec / 1000.0);
-}
-
-}  // namespace
 
 BagRecordWriter::BagRecordWriter() : writer_(nullptr), debug_save_time_(false) {}
 

@@ -47,6 +47,16 @@ void PutString(std::string* out, const std::string& s) {
   out->append(s);
 }
 
+// A map from channel id to a 64-bit value: its byte length, then id and value pairs.
+template <typename Pairs>
+void PutChannelMap(std::string* out, const Pairs& pairs) {
+  PutU32(out, static_cast<uint32_t>(pairs.size() * 10));
+  for (const auto& kv : pairs) {
+    PutU16(out, kv.first);
+    PutU64(out, kv.second);
+  }
+}
+
 size_t BeginRecord(std::string* out, Opcode op) {
   size_t begin = out->size();
   PutU8(out, op);
@@ -140,11 +150,7 @@ void AppendChunkIndex(std::string* out, const ChunkIndex& c) {
   PutU64(out, c.message_end_time);
   PutU64(out, c.chunk_start_offset);
   PutU64(out, c.chunk_length);
-  PutU32(out, static_cast<uint32_t>(c.message_index_offsets.size() * 10));
-  for (const auto& kv : c.message_index_offsets) {
-    PutU16(out, kv.first);
-    PutU64(out, kv.second);
-  }
+  PutChannelMap(out, c.message_index_offsets);
   PutU64(out, c.message_index_length);
   PutString(out, c.compression);
   PutU64(out, c.compressed_size);
@@ -162,11 +168,7 @@ void AppendStatistics(std::string* out, const Statistics& s) {
   PutU32(out, s.chunk_count);
   PutU64(out, s.message_start_time);
   PutU64(out, s.message_end_time);
-  PutU32(out, static_cast<uint32_t>(s.channel_message_counts.size() * 10));
-  for (const auto& kv : s.channel_message_counts) {
-    PutU16(out, kv.first);
-    PutU64(out, kv.second);
-  }
+  PutChannelMap(out, s.channel_message_counts);
   EndRecord(out, r);
 }
 
