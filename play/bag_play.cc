@@ -78,6 +78,17 @@ void BagPlay::ReadBags(const std::list<std::string>& paths) {
 
 const std::map<std::string, std::string>& BagPlay::GetAllTopics() const { return view_->topics(); }
 
+std::vector<std::pair<std::string, bool>> BagPlay::GetBagErrors() const {
+  std::vector<std::pair<std::string, bool>> errors;
+  for (const BagReader* reader : readers_) {
+    const std::string line = reader->get_error();
+    if (line.empty()) continue;
+    const BagFileInfo info = reader->file_info();
+    errors.emplace_back(line, info.damaged || info.unread_bytes > 0);
+  }
+  return errors;
+}
+
 void BagPlay::SetFilterTopics(const std::set<std::string>& topics) { view_->set_filter_topics(topics); }
 
 void BagPlay::SetMessageCallback(MessageCallback callback) {

@@ -8,6 +8,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/bag/bag_message.h"
 #include "play/play_port.h"
@@ -73,6 +75,11 @@ class BagPlay {
   // Every topic of every bag, by name, with its type; unaffected by the filter. Belongs to
   // the player.
   const std::map<std::string, std::string>& GetAllTopics() const;
+
+  // For each bag with a problem, in the order the bags were opened: its reader's error line
+  // as it is now (damage found while playing counts too) and whether something of the bag
+  // could not be read (more than an unfinished end). Takes no lock, like GetAllTopics().
+  std::vector<std::pair<std::string, bool>> GetBagErrors() const;
 
   // Plays only `topics` (every topic when empty). A message already under a bag's cursor
   // still plays; the filter is fully in force from the next ControlPlay.

@@ -35,13 +35,23 @@ constexpr auto kIdleSleep = std::chrono::milliseconds(10);
 [[maybe_unused]] const char FIND_ME[] = "WHOIS";
 [[maybe_unused]] const char SAY_HI[] = "IAM";
 
-void FillMessageInfo(const BagRecord::MessageInfoQueue& queue, tools::interactive::BagRecordMessageInfo* info) {
-  info->set_freq(queue.freq());
-  info->set_pre_bytes(queue.pre_bytes());
-  info->set_total_bytes(queue.total_bytes());
-}
-
 }  // namespace
+
+void FillMonitorLosses(const BagLosses& losses, tools::interactive::BagRecordMonitor* monitor) {
+  monitor->set_lost_count(losses.total());
+  for (const auto& [topic, counts] : losses.by_topic()) {
+    for (int i = 0; i < kBagLossReasons; ++i) {
+      if (counts[i] == 0) continue;
+      tools::interactive::BagRecordLoss* loss = monitor->add_losses();
+      loss->set_topic_name(topic);
+      loss->set_reason(BagLossReasonName(static_cast<BagLossReason>(i)));
+      loss->set_count(counts[i]);
+    }
+  }
+  for (tools::interactive::BagRecordTopicInfo& topic : *monitor->mutable_topic_info()) {
+    topic.set_lost_count(losses.topic_total(topic.topic_name()));
+  }
+}
 
 constexpr char BagRecord::kMonitorGroup[];
 constexpr int BagRecord::kMonitorPort;
@@ -62,28 +72,26 @@ BagRecord::BagRecord(const std::string& node_name, const std::string& output, lo
       save_thread_started_(false),
       save_thread_id_(std::thread::id()),
       appends_in_flight_(0),
-      monitor_link_(std::make_shared<MonitorLink>()) {
+      in_tail_(false),
+      restart_(false),
+      stop_for_good_(false) {
   opt_->node_name = node_name;
   opt_->output = output;
   opt_->split_time = split_time;
   opt_->update_node_name();
   opt_->update_file_name();
   writer_ = CreateWriter();
-  monitor_link_->record = this;
-  std::shared_ptr<MonitorLink> link = monitor_link_;
-  cast_server_->register_callback("record_monitor", [link](const std::string& peer, int port, UdpMessage& message) {
-    std::lock_guard<std::mutex> hold(link->mutex);
-    if (link->record != nullptr) link->record->RecordMonitor(peer, port, message);
-  });
+  // Registers the server's "record_monitor" callback, which answers for every recording of
+  // the process; the registration ends with the recorder, so no query reaches it after.
+  monitor_ = RecordMonitorService::Register(cast_server_, [this] { return GetRecordMonitor(); });
 }
 
 BagRecord::~BagRecord() {
-  {
-    std::lock_guard<std::mutex> hold(monitor_link_->mutex);
-    monitor_link_->record = nullptr;
-  }
+  monitor_ = RecordMonitorService::Registration();
   Stop();
   while (appends_in_flight_.load() != 0) std::this_thread::yield();
+  const size_t discarded = DiscardQueued();
+  if (discarded > 0) output_->print_format("discarding %zu queued messages\n", discarded);
   output_->print_messagel("record exit", true);
   delete opt_;
   delete writer_;
@@ -103,28 +111,33 @@ std::shared_ptr<tools::interactive::BagRecordMonitor> BagRecord::GetRecordMonito
   monitor->set_record_time(static_cast<double>(now_ms - start_time_.load()) * 0.001);
   monitor->set_queue_size(static_cast<int32_t>(pending_count_.load(std::memory_order_relaxed)));
   monitor->set_drop_count(drop_count_.load(std::memory_order_relaxed));
-  // The rates are O(1) reads of the histories, so they are taken under the statistics lock
-  // instead of copying up to 5000 records per topic.
-  KeloThreadLocker hold(info_lock_);
-  FillMessageInfo(total_info_, monitor->mutable_message_info());
-  for (const auto& [name, info] : topic_infos_) {
-    tools::interactive::BagRecordTopicInfo* topic = monitor->add_topic_info();
-    topic->set_topic_name(name);
-    topic->set_detail_1(info.detail_1);
-    topic->set_detail_2(info.detail_2);
-    topic->set_message_count(info.count);
-    FillMessageInfo(info.info_queue, topic->mutable_message_info());
+  {
+    // The rates are O(1) reads of the histories, so they are taken under the statistics
+    // lock instead of copying up to 5000 records per topic.
+    KeloThreadLocker hold(info_lock_);
+    FillMonitorRates(total_info_, now_ms * 0.001, monitor->mutable_message_info());
+    for (const auto& [name, info] : topic_infos_) {
+      tools::interactive::BagRecordTopicInfo* topic = monitor->add_topic_info();
+      topic->set_topic_name(name);
+      topic->set_detail_1(info.detail_1);
+      topic->set_detail_2(info.detail_2);
+      topic->set_message_count(info.count);
+      FillMonitorRates(info.info_queue, now_ms * 0.001, topic->mutable_message_info());
+    }
   }
+  FillMonitorLosses(GetLosses(), monitor.get());
+  monitor->set_current_file(writer_->active_file());
+  monitor->set_problems(writer_->problems());
+  monitor->set_mode("continuous");
   return monitor;
 }
 
+BagLosses BagRecord::GetLosses() const { return writer_->losses()->Total(); }
+
+std::vector<std::string> BagRecord::GetIncompleteFiles() const { return writer_->incomplete_files(); }
+
 void BagRecord::RecordMonitor(const std::string& peer, int port, UdpMessage& message) {
-  std::shared_ptr<tools::interactive::BagRecordMonitor> monitor = GetRecordMonitor();
-  std::string body;
-  monitor->SerializeToString(&body);
-  UdpMessage reply = message.create_recv("record_monitor_recv");
-  reply.write_string(body);
-  cast_server_->send_data(peer, port, reply);
+  RecordMonitorService::Reply(cast_server_, peer, port, message, *GetRecordMonitor());
 }
 
 BagRecordWriter* BagRecord::CreateWriter() {
@@ -139,8 +152,23 @@ BagRecordWriter* BagRecord::CreateWriter() {
 }
 
 void BagRecord::Start() {
+  if (OnSaveThread()) {
+    // A callback of the save thread takes back a stop it asked for, unless the recorder is
+    // being stopped from outside. The thread cannot start itself anew: it goes on instead,
+    // or, when its loop has already ended, begins another round after closing the writer.
+    if (running_ || stop_for_good_) return;
+    start_time_ = WallClockMs();
+    drop_count_ = 0;
+    if (in_tail_) {
+      restart_ = true;
+    } else {
+      running_ = true;
+    }
+    return;
+  }
   std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
   if (running_) return;
+  stop_for_good_ = false;
   start_time_ = WallClockMs();
   drop_count_ = 0;
   // A save thread stopped from inside itself has ended (or is ending) on its own.
@@ -152,13 +180,15 @@ void BagRecord::Start() {
 }
 
 void BagRecord::Stop() {
-  if (std::this_thread::get_id() == save_thread_id_.load()) {
+  if (OnSaveThread()) {
     running_ = false;  // the save thread cannot join itself; it ends after this message
+    restart_ = false;
     return;
   }
   std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
   {
     std::lock_guard<std::mutex> hold(idle_mutex_);
+    stop_for_good_ = true;
     running_ = false;
   }
   idle_wake_.notify_one();
@@ -179,9 +209,17 @@ void BagRecord::SaveThreadMain() {
   // 10 ms sleep may overshoot by half a millisecond at most. Ask for precise wake-ups.
   prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
   output_->print_messagel("save thread running", true);
-  SaveMessage();
-  writer_->close();
-  output_->print_messagel("save thread exit", true);
+  for (;;) {
+    SaveMessage();
+    in_tail_ = true;
+    writer_->close();
+    output_->print_messagel("save thread exit", true);
+    in_tail_ = false;
+    if (!restart_ || stop_for_good_) break;
+    restart_ = false;
+    running_ = true;
+    output_->print_messagel("save thread running", true);
+  }
   save_thread_id_ = std::thread::id();
 }
 
@@ -206,11 +244,28 @@ void BagRecord::SaveMessage() {
       writer_->save_message(batch.front());
       batch.pop_front();
     }
+    for (const BagRecordWriter::Message& message : batch) {
+      writer_->losses()->Add(message.topic, BagLossReason::kShutdown);
+    }
     saving_batch_ = false;
   }
 }
 
+size_t BagRecord::DiscardQueued() {
+  std::deque<BagRecordWriter::Message> discarded;
+  {
+    KeloThreadLocker hold(queue_lock_);
+    messages_->swap(discarded);
+    pending_count_.store(0);
+  }
+  for (const BagRecordWriter::Message& message : discarded) {
+    writer_->losses()->Add(message.topic, BagLossReason::kShutdown);
+  }
+  return discarded.size();
+}
+
 bool BagRecord::Drain(int timeout_ms) {
+  if (OnSaveThread()) return false;  // it would wait for itself
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (pending_count_.load() != 0 || saving_batch_.load()) {
     if (!running_ || std::chrono::steady_clock::now() >= deadline) return false;
@@ -238,6 +293,7 @@ void BagRecord::AppendMessage(long time, const std::string& topic, const std::st
 
   const int64_t record_ms = ToMs(now);
   if (data.empty()) {
+    writer_->losses()->Add(topic, BagLossReason::kEmpty);
     output_->print_format("error message data. topic name: %s\n", topic.c_str());
   } else {
     BagRecordWriter::Message message;
@@ -247,18 +303,28 @@ void BagRecord::AppendMessage(long time, const std::string& topic, const std::st
     message.type = type;
     message.data = data;
     size_t pending_count = 0;
+    std::string dropped_topic;
+    int32_t dropped = 0;
+    bool did_drop = false;
     if (running_) {
       KeloThreadLocker hold(queue_lock_);
       messages_->push_back(std::move(message));
-      while (messages_->size() > kMaxPendingMessages) {
+      // One message in, so at most one out.
+      if (messages_->size() > kMaxPendingMessages) {
+        dropped_topic = std::move(messages_->front().topic);
         messages_->pop_front();
-        int32_t dropped = WrappingIncrement(drop_count_.load(std::memory_order_relaxed));
+        did_drop = true;
+        dropped = WrappingIncrement(drop_count_.load(std::memory_order_relaxed));
         drop_count_.store(dropped, std::memory_order_relaxed);
-        output_->print_format("AppendMessage buffer exceeded and dropping oldest queued message. count = %3d\n",
-                              dropped);
       }
       pending_count = messages_->size();
       pending_count_.store(pending_count, std::memory_order_relaxed);
+    }
+    if (did_drop) {
+      // Reported outside the queue lock: a sink may call back into the recorder.
+      writer_->losses()->Add(dropped_topic, BagLossReason::kQueueFull);
+      output_->print_format("AppendMessage buffer exceeded and dropping oldest queued message. count = %3d\n",
+                            dropped);
     }
     if (pending_count == kWakeEarly) {
       // The save thread checks the count under idle_mutex_; taking it here means the

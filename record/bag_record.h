@@ -12,9 +12,12 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "platform/bag/bag_loss_ledger.h"
 #include "proto/bag_record_monitor.pb.h"
 #include "record/bag_record_writer.h"
+#include "record/record_monitor_service.h"
 
 namespace kelo {
 
@@ -34,9 +37,19 @@ class UdpMessage;
 //   record.Stop();                                // completes the last file
 //
 // Messages wait in a queue of at most kMaxPendingMessages; when the disk falls behind, the
-// oldest is dropped and reported. Every report goes through output(). While it exists, the
-// recorder answers "record_monitor" queries on the multicast group 224.0.0.88:2801 with a
-// BagRecordMonitor snapshot under "record_monitor_recv".
+// oldest is dropped and reported. Every message taken ends in a completed file or is counted
+// lost, per topic and reason (GetLosses(), the monitor snapshot, and the bag files
+// themselves). Every report goes through output(). While it exists, the recorder answers
+// "record_monitor" queries on the multicast group 224.0.0.88:2801 with a BagRecordMonitor
+// snapshot under "record_monitor_recv", as does every other recorder of the process.
+//
+// Threads: AppendMessage, GetRecordMonitor, GetLosses and output() may be called from any
+// thread, callbacks included. Start, Stop and Drain may be called from any thread too,
+// including the save thread (from an on-save callback or an output sink) and the threads
+// that call AppendMessage (from an output sink): there Stop only asks the save thread to
+// end after the message it writes, Start undoes such a request, and Drain returns false at
+// once. The destructor must not run on the save thread or inside any callback of the
+// recorder.
 class BagRecord {
  public:
   // One received message, as the statistics see it.
@@ -63,6 +76,8 @@ class BagRecord {
     double pre_bytes() const;
     // Bytes of every record ever appended.
     uint64_t total_bytes() const { return total_bytes_; }
+    // Receive time of the newest record (seconds since the epoch); 0.0 when empty.
+    double last_time() const { return infos_.empty() ? 0.0 : infos_.back().time; }
 
    private:
     uint64_t total_bytes_;
@@ -86,13 +101,13 @@ class BagRecord {
   static constexpr char kMonitorGroup[] = "224.0.0.88";
   static constexpr int kMonitorPort = 2801;
 
-  // Completes the node name and the output file name (see BagRecordOpt), opens the first
-  // bag file, printing "save to file: <name>", and begins answering monitor queries.
-  // Nothing is recorded before Start().
+  // Completes the node name and the output file name (see BagRecordOpt), prepares the
+  // writer, printing "save to file: <name>", and begins answering monitor queries.
+  // Nothing is recorded before Start(), and no file is created before the first message.
   BagRecord(const std::string& node_name, const std::string& output, long split_time);
   // Stops answering monitor queries (waiting for one being answered), stops (completing the
-  // current file), prints "record exit" and discards messages still queued. Waits for
-  // AppendMessage calls in progress on other threads.
+  // current file), prints "record exit" and discards messages still queued, saying how many
+  // and counting them lost. Waits for AppendMessage calls in progress on other threads.
   ~BagRecord();
 
   BagRecord(const BagRecord&) = delete;
@@ -103,10 +118,15 @@ class BagRecord {
   // from any thread; they are serialised.
   void Start();
   // Stops the save thread after the message it is writing and completes the current file;
-  // the rest of the batch being written is discarded, messages still queued stay for a
-  // later Start(). Does nothing when not running. Called from the save thread itself (from
-  // an on-save callback), it only asks the thread to stop.
+  // the rest of the batch being written is discarded (and counted lost), messages still
+  // queued stay for a later Start(). Does nothing when not running. Called from the save
+  // thread itself (from an on-save callback), it only asks the thread to stop.
   void Stop();
+
+  // Discards the messages still queued (normally none after Drain()), counting them lost
+  // (shutdown) per topic, and returns how many there were. Meant for after Stop(); while
+  // running, the save thread may be faster.
+  size_t DiscardQueued();
 
   // Waits until every message taken so far has been handed to the writer (the queue is empty
   // and no batch is being written), at most `timeout_ms`; returns whether it got there. A
@@ -116,14 +136,23 @@ class BagRecord {
 
   // Takes one received message; `time` is its own stamp in milliseconds. Ignored unless
   // running. The first message of a topic declares the topic (with this message's type) to
-  // the bag file. An empty payload is reported and counted but not written. May be called
-  // from any number of threads at once; never waits for the disk.
+  // the bag file. An empty payload is reported and counted, as lost, but not written. May be
+  // called from any number of threads at once; never waits for the disk, nor for a lock
+  // that is held while the disk is waited for.
   void AppendMessage(long time, const std::string& topic, const std::string& type, const std::string& data);
 
   // A snapshot of the recording: names, time since the last Start(), queue length, drops,
-  // and rates and totals for all topics and for each topic in ascending name order. It
-  // belongs to the caller. May be called from any thread at any time.
+  // rates and totals for all topics and for each topic in ascending name order, losses, the
+  // file being written and what fails. It belongs to the caller. May be called from any
+  // thread at any time.
   std::shared_ptr<tools::interactive::BagRecordMonitor> GetRecordMonitor();
+
+  // The messages lost so far, per topic and reason.
+  BagLosses GetLosses() const;
+
+  // The files that could not be completed and stay behind as ".active" (readable as
+  // unfinished), oldest first.
+  std::vector<std::string> GetIncompleteFiles() const;
 
   // Answers a monitor query: sends GetRecordMonitor(), serialised, under
   // "record_monitor_recv" to `peer`:`port`. Called on the multicast server's thread.
@@ -139,14 +168,7 @@ class BagRecord {
   BagRecordWriter* CreateWriter();
   void SaveMessage();
   void SaveThreadMain();
-
-  // What the monitor callback registered on the shared server reaches. The server keeps the
-  // callback after the recorder is gone, so the destructor cuts the link (waiting for a
-  // query being answered) and later queries find no recorder.
-  struct MonitorLink {
-    std::mutex mutex;
-    BagRecord* record = nullptr;
-  };
+  bool OnSaveThread() const { return std::this_thread::get_id() == save_thread_id_.load(); }
 
   BagRecordOpt* opt_;
   UdpCastServer* cast_server_;  // shared, never freed by the recorder
@@ -183,8 +205,21 @@ class BagRecord {
   std::atomic<std::thread::id> save_thread_id_;
   // AppendMessage calls in progress; destruction waits for them.
   std::atomic<int> appends_in_flight_;
-  std::shared_ptr<MonitorLink> monitor_link_;
+  // Save thread only: the save loop has ended and the thread is closing the writer; a
+  // Start() from a callback then asks for another round (restart_).
+  bool in_tail_;
+  bool restart_;
+  // A Stop() from another thread: the save thread must end, whatever its callbacks ask.
+  std::atomic<bool> stop_for_good_;
+  RecordMonitorService::Registration monitor_;
 };
+
+// For everything that answers monitor queries (a recorder, or a tool recording in trigger
+// mode): the rates and totals of `queue` as read at `now_s` (seconds since the epoch), and
+// the losses with each topic's share.
+void FillMonitorRates(const BagRecord::MessageInfoQueue& queue, double now_s,
+                      tools::interactive::BagRecordMessageInfo* info);
+void FillMonitorLosses(const BagLosses& losses, tools::interactive::BagRecordMonitor* monitor);
 
 }  // namespace kelo
 

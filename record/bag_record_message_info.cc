@@ -10,6 +10,9 @@ namespace {
 
 // A span this short cannot give a rate: one record, or records of one millisecond.
 constexpr double kMinSpan = 0.00001;
+// A stream silent for this long (or for this many of its usual intervals, when those are
+// longer than a second) has stopped, and its rate now is 0.
+constexpr double kSilenceSeconds = 2.0;
 
 }  // namespace
 
@@ -36,6 +39,19 @@ double BagRecord::MessageInfoQueue::pre_bytes() const {
   if (infos_.empty() || kMinSpan >= time_span_) return 0.0;
   // The oldest record's bytes arrived at the start of the span, not within it.
   return static_cast<double>(static_cast<int64_t>(history_bytes_ - infos_.front().bytes)) / time_span_;
+}
+
+void FillMonitorRates(const BagRecord::MessageInfoQueue& queue, double now_s,
+                      tools::interactive::BagRecordMessageInfo* info) {
+  const double freq = queue.freq();
+  const double bytes = queue.pre_bytes();
+  info->set_freq(freq);
+  info->set_pre_bytes(bytes);
+  info->set_total_bytes(queue.total_bytes());
+  const double silence = freq > 1.0 || freq <= 0.0 ? kSilenceSeconds : kSilenceSeconds / freq;
+  const bool silent = now_s - queue.last_time() > silence;
+  info->set_current_freq(silent ? 0.0 : freq);
+  info->set_current_bytes(silent ? 0.0 : bytes);
 }
 
 }  // namespace kelo

@@ -37,6 +37,14 @@ void BagRecordWriter::close() { writer_->close(); }
 
 void BagRecordWriter::debug_save_time() { debug_save_time_ = true; }
 
+BagLossLedger* BagRecordWriter::losses() { return writer_->losses(); }
+
+std::string BagRecordWriter::active_file() const { return writer_->active_file(); }
+
+std::string BagRecordWriter::problems() const { return writer_->problems(); }
+
+std::vector<std::string> BagRecordWriter::incomplete_files() const { return writer_->incomplete_files(); }
+
 std::string BagRecordWriter::save(const std::string& name) {
   int64_t start_ms = WallClockMs();
   std::string saved = writer_->save_file(name);
@@ -101,7 +109,17 @@ BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePa
         path.GetPath(), "", ".kelobag", static_cast<unsigned long>(opt.folder_size),
         static_cast<FileSpaceManager::Mode>(opt.folder_size <= kSmallFolderBytes ? 1 : 0));
   }
-  writer_ = new BagCacheWriter(path, opt.reserve_time, opt.duration_time, opt.cache_size);
+  auto* cache = new BagCacheWriter(path, opt.reserve_time, opt.duration_time, opt.cache_size);
+  writer_ = cache;
+  if (space_manager_ != nullptr) {
+    // The budget is this recorder's: other files in the folder are not its to delete.
+    space_manager_->set_filter([cache](const std::string& name) { return cache->IsSavedName(name); });
+    const std::string budget = " to keep " + path.GetPath() + " within its " +
+                               std::to_string(static_cast<unsigned long>(opt.folder_size) >> 20) + " MB budget";
+    space_manager_->set_on_delete([this, budget](const std::string& deleted, uint64_t size) {
+      Report("deleted " + deleted + " (" + std::to_string(size) + " bytes)" + budget);
+    });
+  }
   trigger_api_ = new TriggerRecordNodeApi("bag_record", opt.node_name, path, delay);
   trigger_api_->SetNotifyCallback([this](const std::string& notice) {
     if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
@@ -116,6 +134,24 @@ BagRecordTrigger::~BagRecordTrigger() {
 
 void BagRecordTrigger::save_message(const Message& msg) {
   writer_->append_message(msg.time, msg.record_time, msg.topic, msg.data, msg.type);
+}
+
+void BagRecordTrigger::set_on_report(std::function<void(const std::string& line)> on_report) {
+  std::lock_guard<std::mutex> hold(report_mutex_);
+  on_report_.swap(on_report);
+}
+
+void BagRecordTrigger::Report(const std::string& line) {
+  std::function<void(const std::string&)> on_report;
+  {
+    std::lock_guard<std::mutex> hold(report_mutex_);
+    on_report = on_report_;
+  }
+  if (on_report) {
+    on_report(line);
+  } else {
+    std::cout << line << std::endl;
+  }
 }
 
 }  // namespace kelo

@@ -5,9 +5,11 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace kelo {
 
+class BagLossLedger;
 class BagRecordOpt;
 class BagWriter;
 class FileSpaceManager;
@@ -62,6 +64,16 @@ class BagRecordWriter {
   // From now on, every completed file also prints "save time: <ms>ms" on standard output.
   // There is no way back. May be called from any thread.
   void debug_save_time();
+
+  // Where the recording's lost messages are counted, per topic and reason; the recorder
+  // counts its own there too. Belongs to the writer. May be called from any thread.
+  BagLossLedger* losses();
+
+  // The file being written now ("" between files), what fails now ("" while all is well),
+  // and the files that could not be completed. May be called from any thread.
+  std::string active_file() const;
+  std::string problems() const;
+  std::vector<std::string> incomplete_files() const;
 
  protected:
   // Completes the current file through the bag writer's save_file(name); when that returns
@@ -125,13 +137,22 @@ class BagRecordTrigger : public BagRecordWriter {
   // Caches the message; nothing else.
   void save_message(const Message& msg) override;
 
-  // The keeper of the folder budget, or null when the folder is not managed. Belongs to
-  // the writer.
+  // The keeper of the folder budget, or null when the folder is not managed. It manages
+  // only the files this writer saves. Belongs to the writer.
   const FileSpaceManager* space_manager() const { return space_manager_; }
 
+  // Makes `on_report` receive, on the trigger service's thread, one line for each file the
+  // folder budget deletes: "deleted <path> (<n> bytes) to keep <dir> within its <m> MB
+  // budget". Without one, the lines go to standard output. May be called from any thread.
+  void set_on_report(std::function<void(const std::string& line)> on_report);
+
  private:
+  void Report(const std::string& line);
+
   FileSpaceManager* space_manager_;    // owned; null when the folder is not managed
   TriggerRecordNodeApi* trigger_api_;  // owned
+  std::mutex report_mutex_;
+  std::function<void(const std::string&)> on_report_;
 };
 
 }  // namespace kelo

@@ -8,7 +8,7 @@ packages=(
   libcli11-dev libjsoncpp-dev libprotobuf-dev protobuf-compiler
   libzstd-dev liblz4-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang iproute2 util-linux
+  clang libclang-rt-14-dev iproute2 util-linux
   liblcm-dev liblcm-bin tmux
 )
 # Node runs the independent MCAP reader of the interop tests; a machine may have it already.

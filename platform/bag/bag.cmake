@@ -10,6 +10,7 @@ list(APPEND KELO_PLATFORM_SOURCES
   bag/bag_error_log.cc
   bag/bag_file_name.cc
   bag/bag_file_writer.cc
+  bag/bag_loss_ledger.cc
   bag/bag_reader.cc
   bag/bag_writer.cc
   bag/mcap_compression.cc
@@ -25,6 +26,7 @@ list(APPEND KELO_PLATFORM_HEADERS
   bag/bag_error_log.h
   bag/bag_file_name.h
   bag/bag_file_writer.h
+  bag/bag_loss_ledger.h
   bag/bag_message.h
   bag/bag_reader.h
   bag/bag_topic.h

@@ -51,8 +51,8 @@ class BagCacheWriter : public BagWriter {
 
   // Caches the message (in the order of the calls) and drops the oldest ones the cache can
   // no longer hold; a message larger than the whole cache is not kept. Times are
-  // milliseconds; a message with a time a bag cannot hold (negative) is reported on stderr
-  // and not kept. The topic is declared as append_topic() does.
+  // milliseconds; a message with a time a bag cannot hold (negative) is reported on stderr,
+  // counted lost and not kept. The topic is declared as append_topic() does.
   void append_message(long time, long record_time, const std::string& topic, const std::string& data,
                       const std::string& type) override;
 
@@ -65,12 +65,18 @@ class BagCacheWriter : public BagWriter {
   // Returns "" and writes nothing when the notice does not parse or no cached message lies
   // in the window; returns "" when the file could not be completed (reported on stderr;
   // what was written stays behind as "<name>.active"). The cache is left as it was: a
-  // later trigger whose window overlaps gets the same messages again.
+  // later trigger whose window overlaps gets the same messages again. Messages of the
+  // window that the cache had to drop before the trigger came are counted lost (window
+  // cut), per window.
   std::string save_file(const std::string& notice) override;
 
   // Writes nothing and returns "". The cache is kept, so a notice still due after the
   // recording stopped saves its window.
   std::string close() override;
+
+  // Whether `name`, a file name without its folder, is a name save_file() gives its files
+  // ("<base>_<14 digits>[_<label>][-<n>].kelobag"), so that nothing else is taken for one.
+  bool IsSavedName(const std::string& name) const;
 
  private:
   struct Cached {
@@ -81,6 +87,15 @@ class BagCacheWriter : public BagWriter {
     std::shared_ptr<const std::string> data;  // shared with windows being written
   };
 
+  // A run of messages of one channel and time that the cache dropped.
+  struct Dropped {
+    long time;
+    uint16_t channel;
+    uint64_t count;
+  };
+
+  void NoteDroppedLocked(const Cached& message);
+
   const long reserve_;
   const long duration_;
   const long cache_size_;
@@ -89,7 +104,9 @@ class BagCacheWriter : public BagWriter {
   std::deque<Cached> cache_;
   long cached_bytes_ = 0;
   std::map<uint16_t, uint32_t> sequences_;  // per channel: messages cached so far
-  bool time_failing_ = false;
+  // What the cache dropped, as long as a window could still reach back to it.
+  std::deque<Dropped> dropped_;
+  std::map<uint16_t, std::string> topics_;  // of the channels cached
 
   std::mutex save_mu_;  // one file written at a time
 };

@@ -29,10 +29,18 @@ class BagErrorLog {
   // Failures counted in the open episode of `kind` (0 when none is open).
   long failures(const std::string& kind) const;
 
+  // The first lines of the open episodes, joined by "; "; "" while all is well.
+  std::string problems() const;
+
  private:
+  struct Episode {
+    long failures = 0;
+    std::string line;
+  };
+
   std::atomic<int> open_count_{0};  // lets Recover skip the lock on the usual path
   mutable std::mutex mu_;
-  std::map<std::string, long> open_;  // kind -> failures in its episode
+  std::map<std::string, Episode> open_;  // by kind
 };
 
 }  // namespace kelo

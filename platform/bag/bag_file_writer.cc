@@ -17,7 +17,11 @@
 
 namespace kelo {
 
+const char BagFileWriter::kMessageEncoding[] = "kelo";
+
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr size_t kIds = 65536;
 // Chunks smaller than this gain little from compression and cost a codec call each.
@@ -29,25 +33,36 @@ constexpr int kChunksWithoutGain = 16;
 // Chunk buffers kept for reuse: fresh megabyte buffers cost the caller page faults on every
 // chunk, which at full speed is as much as copying the messages in.
 constexpr size_t kSpareBuffers = 2;
+// How long a chunk that could not be written waits before the next try.
+constexpr auto kRetryInterval = std::chrono::milliseconds(300);
+// Room kept past what the summary is known to need.
+constexpr uint64_t kTailSlack = 8192;
 
 std::string ErrnoText(int err) {
   char buf[256];
   return std::string(strerror_r(err, buf, sizeof(buf)));
 }
 
+bool IsNoSpace(int err) { return err == ENOSPC || err == EDQUOT; }
+
+// What a schema and a channel record of `c` take in a file.
+uint64_t DeclaredBytes(const BagChannel& c) {
+  return 2 * mcap::kPrefixSize + 2 + 3 * 4 + c.type.size() + 2 + 2 + 3 * 4 + c.topic.size() +
+         sizeof(BagFileWriter::kMessageEncoding);
+}
+
 }  // namespace
 
-const char BagFileWriter::kMessageEncoding[] = "kelo";
-
-BagFileWriter::BagFileWriter(const BagFileName& name, const BagWriterOptions& options,
-                             BagErrorLog* log)
+BagFileWriter::BagFileWriter(const BagFileName& name, const BagWriterOptions& options, BagErrorLog* log,
+                             BagLossLedger* ledger)
     : name_(name),
       options_(options),
       log_(log),
-      max_queued_bytes_(std::max<size_t>(size_t{32} << 20, 4 * options.chunk_size)),
+      ledger_(ledger),
+      max_queued_bytes_(std::max<size_t>(options.max_queued_bytes, 2 * options.chunk_size)),
+      completed_name_(name.Completed(0)),
       compressor_(options.compression, options.zstd_level),
       slot_of_channel_(kIds, -1) {
-  OpenFile();
   thread_ = std::thread(&BagFileWriter::Run, this);
 }
 
@@ -58,18 +73,27 @@ std::string BagFileWriter::active_path() const {
   return active_name_;
 }
 
+std::string BagFileWriter::completed_path() {
+  std::unique_lock<std::mutex> lock(mu_);
+  created_cv_.wait(lock, [this] { return creation_tried_; });
+  return completed_name_;
+}
+
 uint64_t BagFileWriter::messages_lost() const { return lost_.load(); }
 
 void BagFileWriter::AddChannel(const BagChannel& channel) {
   std::lock_guard<std::mutex> lock(mu_);
-  channels_.emplace(channel.id, channel);
+  if (channels_.emplace(channel.id, channel).second) declared_bytes_ += DeclaredBytes(channel);
 }
 
 void BagFileWriter::AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
                                uint64_t publish_time, const char* data, size_t size) {
   std::lock_guard<std::mutex> chunk_lock(chunk_mu_);
   if (closed_) {
-    lost_.fetch_add(1);
+    std::string record;
+    mcap::AppendMessageHeader(&record, {channel_id, sequence, log_time, publish_time}, 0);
+    std::lock_guard<std::mutex> lock(mu_);
+    LoseLocked(record, 1, BagLossReason::kWriteError);
     return;
   }
   const size_t record = mcap::kPrefixSize + mcap::kMessageHeaderSize + size;
@@ -81,8 +105,7 @@ void BagFileWriter::AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t 
     if (open_.records.capacity() < options_.chunk_size) open_.records.reserve(options_.chunk_size);
     open_.start = open_.end = log_time;
     std::lock_guard<std::mutex> lock(mu_);
-    chunk_deadline_ = std::chrono::steady_clock::now() +
-                      std::chrono::milliseconds(options_.chunk_duration_ms);
+    chunk_deadline_ = Clock::now() + std::chrono::milliseconds(options_.chunk_duration_ms);
     work_cv_.notify_one();  // arms the writing thread's chunk timer
   }
   mcap::MessageHeader header{channel_id, sequence, log_time, publish_time};
@@ -109,7 +132,7 @@ void BagFileWriter::CloseChunk(bool with_crc) {
   queued_bytes_ += open_.records.size();
   queue_.push_back(std::move(open_));
   open_ = Chunk();
-  chunk_deadline_ = std::chrono::steady_clock::time_point::max();
+  chunk_deadline_ = Clock::time_point::max();
   if (!spare_buffers_.empty()) {
     open_.records = std::move(spare_buffers_.back());
     spare_buffers_.pop_back();
@@ -120,7 +143,34 @@ void BagFileWriter::CloseChunk(bool with_crc) {
 
 void BagFileWriter::WaitForSpace() {
   std::unique_lock<std::mutex> lock(mu_);
-  space_cv_.wait(lock, [this] { return queued_bytes_ <= max_queued_bytes_; });
+  // A slow disk holds the caller back; a failing one does not: waiting would not make room,
+  // so the oldest chunks give way instead, and are counted.
+  space_cv_.wait(lock, [this] { return queued_bytes_ <= max_queued_bytes_ || failing_; });
+  TrimLocked();
+}
+
+void BagFileWriter::TrimLocked() {
+  while (failing_ && queued_bytes_ > max_queued_bytes_ && !queue_.empty()) {
+    Chunk& oldest = queue_.front();
+    LoseLocked(oldest.records, oldest.messages, failure_reason_);
+    queued_bytes_ -= oldest.records.size();
+    queue_.pop_front();
+  }
+}
+
+void BagFileWriter::LoseLocked(const std::string& records, uint32_t messages, BagLossReason reason) {
+  lost_.fetch_add(messages);
+  lost_since_failure_ += messages;
+  std::map<uint16_t, uint64_t> per_channel;
+  for (size_t pos = 0; pos + mcap::kPrefixSize + mcap::kMessageHeaderSize <= records.size();) {
+    const char* r = records.data() + pos;
+    if (static_cast<uint8_t>(r[0]) == mcap::kOpMessage) ++per_channel[mcap::LoadU16(r + mcap::kPrefixSize)];
+    pos += mcap::kPrefixSize + mcap::LoadU64(r + 1);
+  }
+  for (const auto& [id, n] : per_channel) {
+    auto channel = channels_.find(id);
+    ledger_->Add(channel == channels_.end() ? "" : channel->second.topic, reason, n);
+  }
 }
 
 void BagFileWriter::CloseChunkIfDue() {
@@ -130,15 +180,29 @@ void BagFileWriter::CloseChunkIfDue() {
   bool due;
   {
     std::lock_guard<std::mutex> lock(mu_);
-    due = std::chrono::steady_clock::now() >= chunk_deadline_;
+    due = Clock::now() >= chunk_deadline_;
   }
   if (due) CloseChunk(false);
 }
 
 void BagFileWriter::Run() {
+  // The file exists as soon as the writer does, created here, off the caller's path.
+  const int created = OpenFile();
   std::unique_lock<std::mutex> lock(mu_);
+  creation_tried_ = true;
+  if (created != 0) {
+    failing_ = true;
+    failure_reason_ = IsNoSpace(created) ? BagLossReason::kDiskFull : BagLossReason::kWriteError;
+  }
+  created_cv_.notify_all();
   for (;;) {
     if (!queue_.empty()) {
+      // A chunk that failed waits for its next try; any chunk waits for the write limit.
+      const Clock::time_point not_before = failing_ ? std::max(retry_at_, next_write_at_) : next_write_at_;
+      if (!stopping_ && Clock::now() < not_before) {
+        work_cv_.wait_until(lock, not_before);
+        continue;
+      }
       Chunk chunk = std::move(queue_.front());
       queue_.pop_front();
       queued_bytes_ -= chunk.records.size();
@@ -147,8 +211,28 @@ void BagFileWriter::Run() {
       const bool hurry = queued_bytes_ >= 2 * options_.chunk_size;
       space_cv_.notify_all();
       lock.unlock();
-      WriteChunk(&chunk, hurry);
+      const int err = WriteChunk(&chunk, hurry);
       lock.lock();
+      if (err != 0) {
+        failing_ = true;
+        failure_reason_ = IsNoSpace(err) ? BagLossReason::kDiskFull : BagLossReason::kWriteError;
+        if (stopping_) {
+          LoseLocked(chunk.records, chunk.messages, failure_reason_);  // its last try
+        } else {
+          queued_bytes_ += chunk.records.size();
+          queue_.push_front(std::move(chunk));
+          retry_at_ = Clock::now() + kRetryInterval;
+          TrimLocked();
+        }
+        space_cv_.notify_all();
+        continue;
+      }
+      failing_ = false;
+      if (options_.max_write_bytes_per_second > 0) {
+        next_write_at_ = std::max(next_write_at_, Clock::now()) +
+                         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                             static_cast<double>(chunk.records.size()) / options_.max_write_bytes_per_second));
+      }
       if (chunk.records.capacity() <= 2 * options_.chunk_size &&
           spare_buffers_.size() < kSpareBuffers) {
         spare_buffers_.push_back(std::move(chunk.records));
@@ -156,16 +240,15 @@ void BagFileWriter::Run() {
       continue;
     }
     if (stopping_) break;
-    if (chunk_deadline_ == std::chrono::steady_clock::time_point::max()) {
+    if (chunk_deadline_ == Clock::time_point::max()) {
       work_cv_.wait(lock);
-    } else if (std::chrono::steady_clock::now() < chunk_deadline_) {
+    } else if (Clock::now() < chunk_deadline_) {
       work_cv_.wait_until(lock, chunk_deadline_);
     } else {
       lock.unlock();
       CloseChunkIfDue();
       lock.lock();
-      if (queue_.empty() && !stopping_ &&
-          std::chrono::steady_clock::now() >= chunk_deadline_) {
+      if (queue_.empty() && !stopping_ && Clock::now() >= chunk_deadline_) {
         // A caller is busy with the chunk; look again shortly.
         work_cv_.wait_for(lock, std::chrono::milliseconds(5));
       }
@@ -173,32 +256,61 @@ void BagFileWriter::Run() {
   }
 }
 
-void BagFileWriter::Lose(uint64_t messages) {
-  lost_.fetch_add(messages);
-  lost_since_failure_ += messages;
-}
-
 void BagFileWriter::IoFailed(const std::string& what, int err) {
-  failing_ = true;
-  log_->Fail("io", what + ": " + ErrnoText(err) + "; messages are dropped until writing works again");
+  const bool no_space = IsNoSpace(err);
+  log_->Fail(no_space ? "disk_full" : "write_error",
+             std::string(no_space ? "disk full: " : "write error: ") + what + ": " + ErrnoText(err) +
+                 "; keeping what fits in memory until writing works again");
 }
 
 void BagFileWriter::IoSucceeded() {
   // The episode may have begun in an earlier file of the same recording.
-  if (!failing_ && log_->failures("io") == 0) return;
-  failing_ = false;
-  std::string line = "writing " + file_.active_path + " again";
-  if (lost_since_failure_ > 0) line += "; " + std::to_string(lost_since_failure_) + " messages were lost";
-  log_->Recover("io", line);
-  lost_since_failure_ = 0;
+  if (log_->failures("disk_full") == 0 && log_->failures("write_error") == 0) return;
+  std::string line = "writing works again (" + file_.active_path + ")";
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (lost_since_failure_ > 0) line += "; " + std::to_string(lost_since_failure_) + " messages were lost meanwhile";
+    lost_since_failure_ = 0;
+  }
+  log_->Recover("disk_full", line);
+  log_->Recover("write_error", line);
 }
 
-bool BagFileWriter::OpenFile() {
+int BagFileWriter::Reserve(uint64_t offset, uint64_t length) {
+  while (reserve_supported_) {
+    if (::fallocate(file_.fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(length)) == 0) {
+      reserved_ = true;
+      return 0;
+    }
+    if (errno == EINTR) continue;
+    // A file system without it: completing on a full disk may then fail, leaving the
+    // file readable as unfinished.
+    if (errno == EOPNOTSUPP || errno == ENOSYS) break;
+    return errno;
+  }
+  reserve_supported_ = false;
+  return 0;
+}
+
+uint64_t BagFileWriter::TailBound(uint64_t pending) const {
+  uint64_t declared, channels;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    declared = declared_bytes_;
+    channels = channels_.size();
+  }
+  // The channels go into the data and into the summary; each may have a line of losses
+  // and a count in the statistics; the next chunk adds an index entry per channel.
+  return pending + kTailSlack + 2 * declared + channels * 128 + file_.chunk_index_bytes + 128 + channels * 10;
+}
+
+int BagFileWriter::OpenFile() {
   std::string active, completed;
   int fd = CreateActiveFile(name_, &active, &completed);
   if (fd < 0) {
-    IoFailed("cannot create " + name_.Completed(0) + ".active", errno);
-    return false;
+    const int err = errno;
+    IoFailed("cannot create " + name_.Completed(0) + ".active", err);
+    return err;
   }
   FileState fresh;
   fresh.fd = fd;
@@ -209,34 +321,44 @@ bool BagFileWriter::OpenFile() {
   std::string head(mcap::kMagic, mcap::kMagicSize);
   mcap::AppendHeader(&head, {"", std::string("libkelo_bag_aa ") + KELO_BAG_AA_VERSION});
   file_ = std::move(fresh);
+  reserved_ = false;
   struct iovec iov{&head[0], head.size()};
-  if (!WriteAt(&iov, 1, head.size())) {
-    int err = errno;
+  int err = Reserve(0, TailBound(head.size()));
+  if (err == 0 && !WriteAt(&iov, 1, head.size())) err = errno;
+  if (err != 0) {
     ::close(fd);
     ::unlink(active.c_str());  // ours, and holds nothing yet
     file_ = FileState();
     IoFailed("cannot write " + active, err);
-    return false;
+    return err;
   }
   file_.offset = head.size();
   file_.data_crc = mcap::Crc32(head.data(), head.size());
   std::lock_guard<std::mutex> lock(mu_);
   active_name_ = active;
-  return true;
+  completed_name_ = completed;
+  return 0;
 }
 
 void BagFileWriter::DropFile() {
   if (file_.fd >= 0) ::close(file_.fd);
-  Lose(file_.message_count);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    lost_.fetch_add(file_.message_count);
+    lost_since_failure_ += file_.message_count;
+    for (const auto& [id, n] : file_.channel_counts) {
+      auto channel = channels_.find(id);
+      ledger_->Add(channel == channels_.end() ? "" : channel->second.topic, BagLossReason::kWriteError, n);
+    }
+    active_name_.clear();
+  }
   file_ = FileState();
-  std::lock_guard<std::mutex> lock(mu_);
-  active_name_.clear();
 }
 
-bool BagFileWriter::EnsureFile() {
+int BagFileWriter::EnsureFile() {
   if (file_.fd >= 0) {
     struct stat st;
-    if (::fstat(file_.fd, &st) != 0 || st.st_nlink > 0) return true;
+    if (::fstat(file_.fd, &st) != 0 || st.st_nlink > 0) return 0;
     // Deleted under us (its directory removed, say): what it held is gone, and writing on
     // would only fill an invisible file.
     IoFailed(file_.active_path + " was deleted while being written", ENOENT);
@@ -292,11 +414,8 @@ void BagFileWriter::AppendPendingChannels(std::string* out, std::vector<uint16_t
   }
 }
 
-void BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
-  if (!EnsureFile()) {
-    Lose(chunk->messages);
-    return;
-  }
+int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
+  if (const int err = EnsureFile()) return err;
   const char* records = chunk->records.data();
   const size_t size = chunk->records.size();
 
@@ -376,15 +495,20 @@ void BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
                          {const_cast<char*>(body), body_size},
                          {&indexes_[0], indexes_.size()}};
   const size_t total = head_.size() + body_size + indexes_.size();
+  // The chunk and everything completing the file would still need, or nothing: the room
+  // set aside before stays, so the file can always be completed without this chunk.
+  if (const int err = Reserve(file_.offset, TailBound(total))) {
+    IoFailed("cannot write " + file_.active_path, err);
+    return err;
+  }
   if (!WriteAt(iov, 3, total)) {
-    int err = errno;
+    const int err = errno;
     // Cut back to the last complete record, so the file stays readable up to there.
     if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
       // Nothing more can be done; the reader stops at the partial record.
     }
     IoFailed("cannot write " + file_.active_path, err);
-    Lose(chunk->messages);
-    return;
+    return err;
   }
 
   uint32_t data_crc = mcap::Crc32Extend(file_.data_crc, head_.data(), head_.size());
@@ -407,8 +531,12 @@ void BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
     file_.end_time = std::max(file_.end_time, chunk->end);
   }
   file_.message_count += chunk->messages;
+  std::string index_record;
+  mcap::AppendChunkIndex(&index_record, index);
+  file_.chunk_index_bytes += index_record.size();
   file_.chunk_indexes.push_back(std::move(index));
   IoSucceeded();
+  return 0;
 }
 
 std::string BagFileWriter::Complete() {
@@ -435,7 +563,7 @@ std::string BagFileWriter::Complete() {
 }
 
 std::string BagFileWriter::Finish() {
-  if (!EnsureFile()) return "";
+  if (EnsureFile() != 0) return "";
   std::string tail;
   std::vector<uint16_t> written;
   std::vector<mcap::Schema> schemas;
@@ -445,6 +573,17 @@ std::string BagFileWriter::Finish() {
   for (mcap::Channel& c : channels) file_.channels.push_back(std::move(c));
 
   mcap::SummaryContent summary;
+  // What the recording lost while this file was the one being written is kept in it.
+  const BagLosses losses = ledger_->TakeUnfiled();
+  if (!losses.empty()) {
+    mcap::MetadataIndex at;
+    at.offset = file_.offset + tail.size();
+    at.name = BagLosses::kMetadataName;
+    mcap::AppendMetadata(&tail, {at.name, losses.ToMetadata()});
+    at.length = file_.offset + tail.size() - at.offset;
+    summary.metadata_indexes.push_back(at);
+  }
+
   summary.schemas = file_.schemas;
   summary.channels = file_.channels;
   std::sort(summary.schemas.begin(), summary.schemas.end(),
@@ -455,6 +594,7 @@ std::string BagFileWriter::Finish() {
   stats.message_count = file_.message_count;
   stats.schema_count = static_cast<uint16_t>(summary.schemas.size());
   stats.channel_count = static_cast<uint32_t>(summary.channels.size());
+  stats.metadata_count = static_cast<uint32_t>(summary.metadata_indexes.size());
   stats.chunk_count = static_cast<uint32_t>(file_.chunk_indexes.size());
   stats.message_start_time = file_.start_time;
   stats.message_end_time = file_.end_time;
@@ -474,12 +614,18 @@ std::string BagFileWriter::Finish() {
     if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
       // The reader stops at the partial record; nothing better is possible here.
     }
+    ledger_->ReturnUnfiled(losses);
     IoFailed("cannot complete " + file_.active_path + " (it stays readable as unfinished)", err);
     ::close(file_.fd);
     file_.fd = -1;
     return "";
   }
+  // Space set aside past the end is given back.
+  if (reserved_ && ::ftruncate(file_.fd, static_cast<off_t>(file_.offset + tail.size())) != 0) {
+    // Only the space stays taken; the file is whole.
+  }
   if (::fsync(file_.fd) != 0) {
+    ledger_->ReturnUnfiled(losses);
     IoFailed("cannot sync " + file_.active_path + " (it stays unfinished)", errno);
     ::close(file_.fd);
     file_.fd = -1;
@@ -489,11 +635,13 @@ std::string BagFileWriter::Finish() {
   file_.fd = -1;
   std::string completed = file_.completed_path;
   if (!RenameCompleted(file_.active_path, name_, &completed)) {
+    ledger_->ReturnUnfiled(losses);
     IoFailed("cannot rename " + file_.active_path + " to " + completed, errno);
     return "";
   }
+  // No IoSucceeded() here: the summary went into room set aside before, which says nothing
+  // of whether writing works again.
   SyncDirectoryOf(completed);
-  IoSucceeded();
   return completed;
 }
 

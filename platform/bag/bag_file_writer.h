@@ -16,6 +16,7 @@
 #include "platform/bag/bag_channel_table.h"
 #include "platform/bag/bag_error_log.h"
 #include "platform/bag/bag_file_name.h"
+#include "platform/bag/bag_loss_ledger.h"
 #include "platform/bag/bag_writer_options.h"
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_records.h"
@@ -26,18 +27,22 @@ namespace kelo {
 
 // Writes one bag file: an MCAP file with chunked messages, message indexes after every
 // chunk and a full summary. Messages are encoded into the open chunk on the caller's
-// thread; a thread of the writer's own compresses closed chunks and writes them, so the
-// caller never waits for a codec, only for the disk when it falls behind.
+// thread; a thread of the writer's own creates the file, compresses closed chunks and writes
+// them, so the caller never waits for the file system or a codec, only for the disk when it
+// falls behind.
 //
-//   BagFileWriter file(BagFileName::ForPart(path, "0"), options, &log);
+//   BagFileWriter file(BagFileName::ForPart(path, "0"), options, &log, &ledger);
 //   file.AddChannel(channel);
 //   file.AddMessage(channel.id, 1, log_time, publish_time, data.data(), data.size());
 //   std::string done = file.Complete();
 //
-// I/O errors never throw: they are reported on `log` once per episode, the chunk that
-// failed is dropped (the file is cut back to its last complete record), and writing resumes
-// with the next chunk that succeeds. A file that cannot be created (or is deleted while
-// being written) is created anew at the next chunk.
+// I/O errors never throw and never damage what is already written. They are reported on
+// `log` once per episode, and the writer keeps the chunks it could not write in memory,
+// up to its queue's bound, trying again every few hundred milliseconds; when the queue
+// would overflow meanwhile, its oldest chunks are dropped and their messages counted in
+// `ledger` (disk full or write error). The file keeps room for its summary set aside as it
+// grows, so that it can be completed even on a full disk. A file that cannot be created (or
+// is deleted while being written) is created anew when writing works again.
 //
 // All members may be called from any thread; calls are serialised inside.
 class BagFileWriter {
@@ -46,9 +51,10 @@ class BagFileWriter {
   // publisher serialized them; the schema name tells their type.
   static const char kMessageEncoding[];
 
-  // Creates the active file at once (reporting on `log` when that fails). `log` must
-  // outlive the writer.
-  BagFileWriter(const BagFileName& name, const BagWriterOptions& options, BagErrorLog* log);
+  // Starts creating the active file on the writer's thread. `log` and `ledger` must outlive
+  // the writer.
+  BagFileWriter(const BagFileName& name, const BagWriterOptions& options, BagErrorLog* log,
+                BagLossLedger* ledger);
 
   // Completes the file if Complete() was not called.
   ~BagFileWriter();
@@ -56,8 +62,12 @@ class BagFileWriter {
   BagFileWriter(const BagFileWriter&) = delete;
   BagFileWriter& operator=(const BagFileWriter&) = delete;
 
-  // The active file's name, or "" while it could not be created.
+  // The active file's name, or "" while it does not exist (not created yet, or completed).
   std::string active_path() const;
+
+  // The name the file gets once complete. Waits until the first attempt to create the file
+  // is over (normally long done); when that failed, the name it will have if created later.
+  std::string completed_path();
 
   // Declares a channel. It is written to the file before the first chunk that follows,
   // even when no message ever uses it. Declaring an id again is harmless.
@@ -67,10 +77,12 @@ class BagFileWriter {
   void AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
                   uint64_t publish_time, const char* data, size_t size);
 
-  // Writes what is pending, the summary and the footer, syncs the file to disk and renames
-  // it to its completed name (never replacing an existing file). Returns that name, or ""
-  // when the file could not be completed (it then stays behind as ".active", readable as an
-  // unfinished bag). Later calls return the same result; no message may follow.
+  // Writes what is pending (one more try each for chunks that failed before), the losses
+  // the ledger holds for a file, the summary and the footer, syncs the file to disk and
+  // renames it to its completed name (never replacing an existing file). Returns that name,
+  // or "" when the file could not be completed (it then stays behind as ".active", readable
+  // as an unfinished bag) or never existed. Later calls return the same result; no message
+  // may follow.
   std::string Complete();
 
   // Messages given to this writer that could not be stored because of I/O errors.
@@ -99,6 +111,7 @@ class BagFileWriter {
     std::vector<mcap::Schema> schemas;
     std::vector<mcap::Channel> channels;
     std::vector<mcap::ChunkIndex> chunk_indexes;
+    uint64_t chunk_index_bytes = 0;  // their size in the summary
     std::map<uint16_t, uint64_t> channel_counts;
     uint64_t message_count = 0;
     uint64_t start_time = 0;
@@ -109,15 +122,25 @@ class BagFileWriter {
   // Hands the open chunk to the writing thread; the caller holds chunk_mu_.
   void CloseChunk(bool with_crc);
   void CloseChunkIfDue();
-  void WriteChunk(Chunk* chunk, bool hurry);
-  bool EnsureFile();
-  bool OpenFile();
+  // 0 when the chunk is in the file; otherwise the errno of what failed, with nothing of
+  // the chunk left in the file.
+  int WriteChunk(Chunk* chunk, bool hurry);
+  int EnsureFile();
+  int OpenFile();
   void DropFile();
+  // Sets aside the disk space for `length` bytes at `offset`: 0, or the errno that says
+  // there is none.
+  int Reserve(uint64_t offset, uint64_t length);
+  // An upper bound of what completing the file still writes after `pending` more bytes.
+  uint64_t TailBound(uint64_t pending) const;
   void AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
                              std::vector<mcap::Schema>* schemas,
                              std::vector<mcap::Channel>* channels);
   void WaitForSpace();
-  void Lose(uint64_t messages);
+  // Counts the messages of `records` as lost for `reason`, per topic; mu_ held.
+  void LoseLocked(const std::string& records, uint32_t messages, BagLossReason reason);
+  // While writing fails, drops the oldest queued chunks the queue cannot hold; mu_ held.
+  void TrimLocked();
   bool WriteAt(const ::iovec* iov, int count, size_t total);
   void IoFailed(const std::string& what, int err);
   void IoSucceeded();
@@ -126,6 +149,7 @@ class BagFileWriter {
   const BagFileName name_;
   const BagWriterOptions options_;
   BagErrorLog* const log_;
+  BagLossLedger* const ledger_;
   const size_t max_queued_bytes_;
 
   // The open chunk has a lock of its own, so that the writing thread never waits while a
@@ -135,8 +159,9 @@ class BagFileWriter {
   bool closed_ = false;       // guarded by chunk_mu_: Complete() has begun
 
   mutable std::mutex mu_;
-  std::condition_variable work_cv_;   // the writing thread waits here
-  std::condition_variable space_cv_;  // callers wait here while the queue is full
+  std::condition_variable work_cv_;     // the writing thread waits here
+  std::condition_variable space_cv_;    // callers wait here while the queue is full
+  std::condition_variable created_cv_;  // completed_path() waits here for the first try
   // When the open chunk must be closed; max() while it is empty.
   std::chrono::steady_clock::time_point chunk_deadline_ =
       std::chrono::steady_clock::time_point::max();
@@ -144,10 +169,19 @@ class BagFileWriter {
   size_t queued_bytes_ = 0;
   std::vector<std::string> spare_buffers_;
   std::map<uint16_t, BagChannel> channels_;
+  uint64_t declared_bytes_ = 0;  // what the declared channels take in the file, once
   bool stopping_ = false;
   bool completed_ = false;
+  bool creation_tried_ = false;
+  // Writing fails: chunks wait in the queue for the next try at `retry_at_`.
+  bool failing_ = false;
+  BagLossReason failure_reason_ = BagLossReason::kWriteError;
+  std::chrono::steady_clock::time_point retry_at_;
+  // The write limit holds the next chunk back until then.
+  std::chrono::steady_clock::time_point next_write_at_;
   std::string result_;
-  std::string active_name_;  // what active_path() reports
+  std::string active_name_;     // what active_path() reports
+  std::string completed_name_;  // what completed_path() reports
   std::atomic<uint64_t> lost_{0};
   std::mutex complete_mu_;  // one Complete() at a time
 
@@ -161,7 +195,8 @@ class BagFileWriter {
   std::vector<std::pair<uint16_t, std::vector<mcap::IndexEntry>>> index_slots_;
   int skip_compression_ = 0;
   uint64_t lost_since_failure_ = 0;
-  bool failing_ = false;
+  bool reserve_supported_ = true;
+  bool reserved_ = false;  // space was set aside past the end of the file
 
   std::thread thread_;
 };

@@ -49,8 +49,8 @@ struct BagReader::Rep {
   };
 
   std::string path;
-  std::string error;
-  bool opened = false;  // the file is a bag; error() then tells only of what was left out
+  std::string open_error;  // why the file is not a bag at all; "" once it opened
+  bool opened = false;     // the file is a bag; the index's damage tells what was left out
   mcap::RandomAccessFile file;
   mcap::ChunkDecompressor decompressor;
   mcap::BagIndex index;
@@ -64,9 +64,7 @@ struct BagReader::Rep {
   std::string scratch;
   std::string loose_record;  // the record of a message outside chunks
 
-  void AddError(const std::string& line) {
-    error = error.empty() ? path + ": " + line : error + "; " + line;
-  }
+  std::string Error() const;
 
   size_t valid_position = std::numeric_limits<size_t>::max();  // checked by Settle()
 
@@ -152,7 +150,7 @@ bool BagReader::Rep::Settle() {
     }
     // The damage was not visible from the index: leave the chunk out and go on with the
     // next message, so that a reader not at its end always has a message to give.
-    AddError(why);
+    if (index.damage.first.empty()) index.damage.first = why;
     DropBlock(ref.block);
   }
   return false;
@@ -172,7 +170,34 @@ void BagReader::Rep::DropBlock(uint32_t block) {
   valid_position = std::numeric_limits<size_t>::max();
   current.reset();
   current_position = std::numeric_limits<size_t>::max();
-  AddError("dropped " + std::to_string(count - messages.size()) + " messages");
+  ++index.damage.damaged_chunks;
+  index.damage.lost_messages += count - messages.size();
+}
+
+std::string BagReader::Rep::Error() const {
+  if (!opened) return open_error.empty() ? "" : path + ": " + open_error;
+  const mcap::Damage& d = index.damage;
+  if (!d.any()) return "";
+  std::string line = path + ": ";
+  if (d.damaged()) {
+    line += "recovered damaged bag";
+  } else if (d.unfinished) {
+    line += "recovered unfinished bag";
+  } else {
+    line += "summary damaged (" + d.summary_problem + "), read by scanning";
+  }
+  line += ": kept " + std::to_string(index.messages.size()) + " messages";
+  if (d.damaged_chunks > 0) {
+    line += "; " + std::to_string(d.damaged_chunks) + (d.damaged_chunks == 1 ? " chunk (" : " chunks (") +
+            (d.lost_unknown ? "at least " : "") + std::to_string(d.lost_messages) +
+            " messages) could not be read";
+  }
+  if (d.unread_bytes > 0) {
+    line += std::string(d.unfinished && d.damaged_chunks == 0 && d.first.empty() ? "; the last " : "; ") +
+            std::to_string(d.unread_bytes) + " bytes could not be read";
+  }
+  if (!d.first.empty()) line += " (first: " + d.first + ")";
+  return line;
 }
 
 BagReader::BagReader(const std::string& path) : rep_(new Rep) {
@@ -180,15 +205,14 @@ BagReader::BagReader(const std::string& path) : rep_(new Rep) {
   r.path = path;
   std::string error;
   if (!r.file.Open(path, &error)) {
-    r.AddError("cannot open: " + error);
+    r.open_error = "cannot open: " + error;
     return;
   }
   if (!mcap::BuildIndex(r.file, &r.decompressor, &r.index, &error)) {
-    r.AddError(error);
+    r.open_error = error;
     return;
   }
   r.opened = true;
-  if (!r.index.problem.empty()) r.AddError(r.index.problem);
   for (const auto& c : r.index.channels) {
     Rep::ChannelView view;
     view.topic = c.second.topic;
@@ -200,7 +224,7 @@ BagReader::BagReader(const std::string& path) : rep_(new Rep) {
 
 BagReader::~BagReader() = default;
 
-std::string BagReader::get_error() const { return rep_->error; }
+std::string BagReader::get_error() const { return rep_->Error(); }
 
 bool BagReader::eof() const {
   // Checking the current message here keeps read() from coming up empty before the end
@@ -287,7 +311,13 @@ BagFileInfo BagReader::file_info() const {
   info.library = r.index.header.library;
   info.indexed = r.index.from_summary;
   // Damage can also come to light later, when a chunk is read: that counts too.
-  info.recovered = r.opened && !r.error.empty();
+  const mcap::Damage& d = r.index.damage;
+  info.recovered = r.opened && d.any();
+  info.damaged = r.opened && d.damaged();
+  info.damaged_chunks = d.damaged_chunks;
+  info.lost_messages = d.lost_messages;
+  info.messages_unknown = d.lost_unknown;
+  info.unread_bytes = d.unread_bytes;
   std::vector<std::string> seen;
   for (const mcap::Block& block : r.index.blocks) {
     if (block.loose) continue;
@@ -301,6 +331,12 @@ BagFileInfo BagReader::file_info() const {
     info.compression += (info.compression.empty() ? "" : "+") + name;
   }
   return info;
+}
+
+std::vector<BagMetadata> BagReader::metadata() const {
+  std::vector<BagMetadata> out;
+  for (const mcap::Metadata& m : rep_->index.metadata) out.push_back({m.name, m.metadata});
+  return out;
 }
 
 }  // namespace kelo

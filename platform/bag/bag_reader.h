@@ -1,8 +1,10 @@
 #ifndef KELO_PLATFORM_BAG_BAG_READER_H_
 #define KELO_PLATFORM_BAG_BAG_READER_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/bag/bag_message.h"
@@ -19,6 +21,19 @@ struct BagFileInfo {
   unsigned chunks = 0;      // chunks indexed (for a recovered file, those read soundly)
   bool indexed = false;     // opened from the file's summary, without a scan
   bool recovered = false;   // unfinished, cut, or damaged: read up to what was sound
+  bool damaged = false;     // something in it could not be read (more than an unfinished end)
+  // What could not be read, as found so far: chunks left out, the messages they were
+  // indexed to hold (a lower bound when `messages_unknown`), and bytes skipped or unread.
+  unsigned damaged_chunks = 0;
+  uint64_t lost_messages = 0;
+  bool messages_unknown = false;
+  uint64_t unread_bytes = 0;
+};
+
+// Named key-value sets stored in a bag beside its messages (MCAP metadata records).
+struct BagMetadata {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> values;
 };
 
 // Reads a bag (any MCAP file) as a sequence of messages in time order; messages with equal
@@ -45,9 +60,12 @@ class BagReader {
 
   // "" when the file was read as written. Otherwise one line naming the file and saying
   // what went wrong: it could not be opened or is not a bag (then the reader holds no
-  // message), or it was recovered ("<path>: recovered unfinished bag: kept N messages").
-  // A chunk found damaged while reading adds its own line reason; its messages are then
-  // dropped from the sequence, and count() shrinks accordingly.
+  // message), or it was recovered, with what was kept and what could not be read:
+  //   "<path>: recovered unfinished bag: kept 120 messages; the last 4096 bytes could not be read"
+  //   "<path>: recovered damaged bag: kept 80 messages; 2 chunks (40 messages) could not be read
+  //    (first: chunk CRC mismatch at byte 1234)"
+  // A chunk found damaged while reading counts too: its messages are then dropped from the
+  // sequence, and count() shrinks accordingly.
   std::string get_error() const;
 
   // True when the position is at the end. When it is false, read() returns a message:
@@ -83,6 +101,9 @@ class BagReader {
   // How the file is stored (see BagFileInfo); all empty, 0 and false for a file that could
   // not be opened as a bag. Reads a few bytes of each chunk's header, nothing more.
   BagFileInfo file_info() const;
+
+  // The metadata records of the bag, in file order.
+  std::vector<BagMetadata> metadata() const;
 
  private:
   struct Rep;

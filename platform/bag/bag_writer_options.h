@@ -25,6 +25,16 @@ struct BagWriterOptions {
   // A chunk is closed this long after its first message arrived, even if it is small, so
   // that a crash loses at most about this much data.
   long chunk_duration_ms = 1000;
+
+  // Bytes of closed chunks a file writer may hold while the disk is behind (at least two
+  // chunks): beyond it the caller waits for room, and while writing fails the oldest
+  // chunks give way instead and are counted lost.
+  size_t max_queued_bytes = size_t{32} << 20;
+
+  // At most this many bytes a second go to the disk (0: no limit), for a disk shared with
+  // others; the caller then waits as it would for a slow disk. Completing a file is not
+  // held back.
+  size_t max_write_bytes_per_second = 0;
 };
 
 namespace internal {

@@ -15,7 +15,9 @@ RandomAccessFile::~RandomAccessFile() {
 }
 
 bool RandomAccessFile::Open(const std::string& path, std::string* error) {
-  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Without O_NONBLOCK, opening a named pipe would wait for a writer; the type is checked
+  // right after, and reads of a regular file ignore the flag.
+  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   struct stat st;
   if (fd_ < 0 || ::fstat(fd_, &st) != 0) {
     char buf[256];

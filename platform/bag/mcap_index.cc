@@ -173,6 +173,7 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
   }
 
   std::vector<ChunkIndex> chunks;
+  std::vector<MetadataIndex> metadata;
   Statistics stats;
   int stats_seen = 0;
   const char* p = region.data();
@@ -204,6 +205,10 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
       if (ok) chunks.push_back(std::move(c));
     } else if (op == kOpStatistics) {
       ok = ParseStatistics(content, len, &stats) && ++stats_seen == 1;
+    } else if (op == kOpMetadataIndex) {
+      MetadataIndex m;
+      ok = ParseMetadataIndex(content, len, &m);
+      if (ok) metadata.push_back(std::move(m));
     }
     if (!ok) {
       *why = "malformed record in the summary";
@@ -288,8 +293,49 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
       return SummaryUse::kAbsent;
     }
   }
+  for (const MetadataIndex& m : metadata) {
+    std::string record;
+    Metadata parsed;
+    if (m.offset < kMagicSize || m.length < kPrefixSize || m.offset > data_end_pos ||
+        m.length > data_end_pos - m.offset || !file.Read(m.offset, m.length, &record) ||
+        static_cast<uint8_t>(record[0]) != kOpMetadata || LoadU64(record.data() + 1) != m.length - kPrefixSize ||
+        !ParseMetadata(record.data() + kPrefixSize, m.length - kPrefixSize, &parsed)) {
+      *why = "metadata index points at no metadata";
+      return SummaryUse::kDamaged;
+    }
+    index->metadata.push_back(std::move(parsed));
+  }
   SortRuns(&index->messages, runs);
   return SummaryUse::kUsed;
+}
+
+bool KnownOpcode(uint8_t op) { return op >= kOpHeader && op <= kOpDataEnd; }
+
+// Whether a chunk that reads soundly begins at `pos`: its header parses, its sizes fit the
+// file and it names a compression this reader knows.
+bool ChunkStartsAt(SequentialReader* in, uint64_t pos, uint64_t size) {
+  const char* p = in->Get(pos, kPrefixSize);
+  if (p == nullptr || static_cast<uint8_t>(p[0]) != kOpChunk) return false;
+  const uint64_t len = LoadU64(p + 1);
+  if (len > size - pos - kPrefixSize) return false;
+  const char* content = in->Get(pos + kPrefixSize, std::min<uint64_t>(len, kChunkHeadRead));
+  ChunkHeader h;
+  return content != nullptr &&
+         ParseChunkHead(content, static_cast<size_t>(std::min<uint64_t>(len, kChunkHeadRead)), len, &h) &&
+         h.uncompressed_size <= kMaxBlockOffset &&
+         (h.compression.empty() || h.compression == "zstd" || h.compression == "lz4");
+}
+
+// The offset of the next record at or after `from` that a scan can go on with: a chunk that
+// reads soundly, or the end of the data; `size` when there is none.
+uint64_t Resync(SequentialReader* in, uint64_t from, uint64_t size) {
+  for (uint64_t pos = from; pos + kPrefixSize <= size; ++pos) {
+    const char* p = in->Get(pos, kPrefixSize);
+    const uint8_t op = static_cast<uint8_t>(p[0]);
+    if (op == kOpChunk && ChunkStartsAt(in, pos, size)) return pos;
+    if (op == kOpDataEnd && LoadU64(p + 1) == 4) return pos;
+  }
+  return size;
 }
 
 // Reads the file record by record from the start; see BuildIndex.
@@ -297,27 +343,58 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
                     BagIndex* index, bool tail_ok) {
   SequentialReader in(&file);
   const uint64_t size = file.size();
+  Damage& damage = index->damage;
   uint64_t pos = kMagicSize;
   bool finished = false;  // reached the end of the data section
-  std::string damage;
+  bool counting = false;  // message indexes that follow belong to a damaged chunk
+  bool counted = false;   // one of them was read
   uint32_t loose = kNoBlock;
   std::vector<size_t> runs;
   std::string records;
+  auto stop_counting = [&] {
+    if (counting && !counted) damage.lost_unknown = true;
+    counting = false;
+  };
+  // Whether a record may begin at `at`: the end of the file, a prefix cut short, or a
+  // known opcode. A record whose successor fails this has a length that cannot be trusted.
+  auto framed = [&](uint64_t at) {
+    const char* p = size - at < kPrefixSize ? nullptr : in.Get(at, 1);
+    return p == nullptr || KnownOpcode(static_cast<uint8_t>(p[0]));
+  };
+  // Leaves the bytes from `pos` on as unreadable and goes on at the next record that reads.
+  auto skip_damage = [&](const std::string& what) {
+    const uint64_t next = Resync(&in, pos + 1, size);
+    if (damage.first.empty()) damage.first = what + " at byte " + std::to_string(pos);
+    damage.unread_bytes += next - pos;
+    pos = next;
+  };
   while (pos < size) {
     const char* p = in.Get(pos, kPrefixSize);
-    if (p == nullptr) break;  // cut inside a record's prefix
-    const uint8_t op = static_cast<uint8_t>(p[0]);
-    const uint64_t len = LoadU64(p + 1);
-    if (op == 0) {
-      damage = "invalid record at byte " + std::to_string(pos);
+    if (p == nullptr) {  // cut inside a record's prefix
+      damage.unread_bytes += size - pos;
       break;
     }
-    if (len > size - pos - kPrefixSize) break;  // cut inside this record
+    const uint8_t op = static_cast<uint8_t>(p[0]);
+    const uint64_t len = LoadU64(p + 1);
+    if (op != kOpMessageIndex) stop_counting();
+    if (KnownOpcode(op) && len > size - pos - kPrefixSize && Resync(&in, pos + 1, size) == size) {
+      damage.unread_bytes += size - pos;  // the last record is cut short
+      break;
+    }
+    if (!KnownOpcode(op) || len > size - pos - kPrefixSize) {
+      skip_damage("invalid record");
+      continue;
+    }
     if (op == kOpDataEnd || op == kOpFooter) {
       finished = true;
       break;
     }
     const uint64_t content_at = pos + kPrefixSize;
+    const uint64_t next = content_at + len;
+    if (!framed(next)) {
+      skip_damage("broken record length");
+      continue;
+    }
     if (op == kOpChunk) {
       const char* content = in.Get(content_at, len);
       ChunkHeader h;
@@ -334,17 +411,31 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
         }
       }
       if (!error.empty()) {
-        damage = error + " at byte " + std::to_string(pos);
-        break;
+        // Its message indexes, which follow it, tell how many messages it held.
+        ++damage.damaged_chunks;
+        if (damage.first.empty()) damage.first = error + " at byte " + std::to_string(pos);
+        counting = true;
+        counted = false;
+      } else {
+        runs.push_back(before);
+        loose = kNoBlock;  // later loose messages come after this chunk in file order
       }
-      runs.push_back(before);
-      loose = kNoBlock;  // later loose messages come after this chunk in file order
+    } else if (op == kOpMessageIndex) {
+      if (counting) {
+        const char* content = in.Get(content_at, len);
+        uint16_t channel = 0;
+        std::vector<IndexEntry> entries;
+        if (content != nullptr && ParseMessageIndex(content, len, &channel, &entries)) {
+          damage.lost_messages += entries.size();
+          counted = true;
+        }
+      }
     } else if (op == kOpMessage) {
       MessageHeader m;
       const char* content = in.Get(content_at, std::min<uint64_t>(len, kMessageHeaderSize));
       if (content == nullptr || !ParseMessageHeader(content, len, &m)) {
-        damage = "short message at byte " + std::to_string(pos);
-        break;
+        skip_damage("short message");
+        continue;
       }
       if (index->channels.count(m.channel_id) > 0) {
         if (loose == kNoBlock || pos - index->blocks[loose].offset >= kLooseSpan) {
@@ -355,7 +446,7 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
         index->messages.push_back(
             {m.log_time, loose, static_cast<uint32_t>(pos - index->blocks[loose].offset)});
       }
-    } else if (op == kOpSchema || op == kOpChannel || op == kOpHeader) {
+    } else if (op == kOpSchema || op == kOpChannel || op == kOpHeader || op == kOpMetadata) {
       const char* content = in.Get(content_at, len);
       bool ok = content != nullptr;
       if (ok && op == kOpSchema) {
@@ -366,23 +457,23 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
         Channel c;
         ok = ParseChannel(content, len, &c);
         if (ok) AddChannel(index, std::move(c));
+      } else if (ok && op == kOpMetadata) {
+        Metadata m;
+        ok = ParseMetadata(content, len, &m);
+        if (ok) index->metadata.push_back(std::move(m));
       } else if (ok) {
         ok = ParseHeader(content, len, &index->header);
       }
       if (!ok) {
-        damage = "malformed record at byte " + std::to_string(pos);
-        break;
+        skip_damage("malformed record");
+        continue;
       }
     }
-    pos = content_at + len;
+    pos = next;
   }
+  stop_counting();
   SortRuns(&index->messages, runs);
-  const std::string kept = "kept " + std::to_string(index->messages.size()) + " messages";
-  if (!damage.empty()) {
-    index->problem = "recovered damaged bag (" + damage + "): " + kept;
-  } else if (!finished || !tail_ok) {
-    index->problem = "recovered unfinished bag: " + kept;
-  }
+  damage.unfinished = !finished || !tail_ok;
 }
 
 bool TailIsIntact(const RandomAccessFile& file) {
@@ -459,10 +550,7 @@ bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, B
   }
   *index = BagIndex();
   LoadByScanning(file, decompressor, index, TailIsIntact(file));
-  if (!why.empty() && index->problem.empty()) {
-    index->problem = "summary damaged (" + why + "), read by scanning: kept " +
-                     std::to_string(index->messages.size()) + " messages";
-  }
+  index->damage.summary_problem = why;
   return true;
 }
 

@@ -28,6 +28,20 @@ struct MessageRef {
   uint32_t offset;
 };
 
+// What of a file could not be read: all zero and empty for a sound one.
+struct Damage {
+  bool unfinished = false;        // no summary: still being written, or cut short
+  std::string summary_problem;    // why a summary present could not be used
+  uint32_t damaged_chunks = 0;    // chunks whose records could not be read
+  uint64_t lost_messages = 0;     // messages those chunks were indexed to hold
+  bool lost_unknown = false;      // some damaged chunk's messages could not be counted
+  uint64_t unread_bytes = 0;      // bytes skipped as garbage or left unread at the end
+  std::string first;              // the first damage found and where, "" when none
+
+  bool damaged() const { return damaged_chunks > 0 || !first.empty(); }
+  bool any() const { return unfinished || damaged() || !summary_problem.empty(); }
+};
+
 // Everything a reader needs to find any message without scanning the file again.
 struct BagIndex {
   Header header;
@@ -35,18 +49,17 @@ struct BagIndex {
   std::map<uint16_t, Channel> channels;
   std::vector<Block> blocks;        // in file order
   std::vector<MessageRef> messages; // in log time order, ties in file order
+  std::vector<Metadata> metadata;   // in file order
   bool from_summary = false;        // opened from the summary, without scanning the data
-
-  // "" when the whole file was read as written. Otherwise what went wrong and what was
-  // kept, e.g. "recovered unfinished bag: kept 12 messages".
-  std::string problem;
+  Damage damage;
 };
 
 // Builds the index of an MCAP file. A file with a sound summary is indexed from it and its
 // message indexes alone. Any other file (no summary, an unfinished or cut recording, a
-// damaged one) is read record by record from the start, keeping every message up to the
-// first record that is incomplete or broken. Every length read from the file is checked
-// against the bytes left in it before memory is set aside for it.
+// damaged one) is read record by record from the start: a chunk that cannot be read is
+// skipped and counted, garbage is skipped up to the next chunk that reads soundly, and a
+// record cut short by the end of the file ends the scan. Every length read from the file is
+// checked against the bytes left in it before memory is set aside for it.
 // Returns false, with `error` set, only when the file is not MCAP at all.
 bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
                 std::string* error);

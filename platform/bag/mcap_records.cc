@@ -57,6 +57,31 @@ void PutChannelMap(std::string* out, const Pairs& pairs) {
   }
 }
 
+namespace {
+
+void PutKeyValues(std::string* out, const KeyValues& pairs) {
+  size_t m = BeginSub32(out);
+  for (const auto& kv : pairs) {
+    PutString(out, kv.first);
+    PutString(out, kv.second);
+  }
+  EndSub32(out, m);
+}
+
+// Reads a map written by PutKeyValues; false when it runs past `c` or ends inside a pair.
+bool ParseKeyValues(Cursor* c, KeyValues* out) {
+  Cursor m = c->Sub32();
+  out->clear();
+  while (m.ok() && m.left() > 0) {
+    std::string key = m.String();
+    std::string value = m.String();
+    if (m.ok()) out->emplace_back(std::move(key), std::move(value));
+  }
+  return c->ok() && m.ok();
+}
+
+}  // namespace
+
 size_t BeginRecord(std::string* out, Opcode op) {
   size_t begin = out->size();
   PutU8(out, op);
@@ -98,12 +123,7 @@ void AppendChannel(std::string* out, const Channel& c) {
   PutU16(out, c.schema_id);
   PutString(out, c.topic);
   PutString(out, c.message_encoding);
-  size_t m = BeginSub32(out);
-  for (const auto& kv : c.metadata) {
-    PutString(out, kv.first);
-    PutString(out, kv.second);
-  }
-  EndSub32(out, m);
+  PutKeyValues(out, c.metadata);
   EndRecord(out, r);
 }
 
@@ -169,6 +189,21 @@ void AppendStatistics(std::string* out, const Statistics& s) {
   PutU64(out, s.message_start_time);
   PutU64(out, s.message_end_time);
   PutChannelMap(out, s.channel_message_counts);
+  EndRecord(out, r);
+}
+
+void AppendMetadata(std::string* out, const Metadata& m) {
+  size_t r = BeginRecord(out, kOpMetadata);
+  PutString(out, m.name);
+  PutKeyValues(out, m.metadata);
+  EndRecord(out, r);
+}
+
+void AppendMetadataIndex(std::string* out, const MetadataIndex& m) {
+  size_t r = BeginRecord(out, kOpMetadataIndex);
+  PutU64(out, m.offset);
+  PutU64(out, m.length);
+  PutString(out, m.name);
   EndRecord(out, r);
 }
 
@@ -288,14 +323,7 @@ bool ParseChannel(const char* content, size_t size, Channel* out) {
   out->schema_id = c.U16();
   out->topic = c.String();
   out->message_encoding = c.String();
-  Cursor m = c.Sub32();
-  out->metadata.clear();
-  while (m.ok() && m.left() > 0) {
-    std::string key = m.String();
-    std::string value = m.String();
-    if (m.ok()) out->metadata.emplace_back(std::move(key), std::move(value));
-  }
-  return c.ok() && m.ok();
+  return ParseKeyValues(&c, &out->metadata);
 }
 
 bool ParseMessageHeader(const char* content, size_t size, MessageHeader* out) {
@@ -373,6 +401,20 @@ bool ParseStatistics(const char* content, size_t size, Statistics* out) {
     out->channel_message_counts.emplace_back(id, count);
   }
   return c.ok() && m.ok();
+}
+
+bool ParseMetadata(const char* content, size_t size, Metadata* out) {
+  Cursor c(content, size);
+  out->name = c.String();
+  return ParseKeyValues(&c, &out->metadata);
+}
+
+bool ParseMetadataIndex(const char* content, size_t size, MetadataIndex* out) {
+  Cursor c(content, size);
+  out->offset = c.U64();
+  out->length = c.U64();
+  out->name = c.String();
+  return c.ok();
 }
 
 bool ParseSummaryOffset(const char* content, size_t size, SummaryOffset* out) {

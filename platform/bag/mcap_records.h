@@ -118,6 +118,19 @@ struct Statistics {
   ChannelCounts channel_message_counts;
 };
 
+// A named set of key-value pairs, outside any chunk; a Metadata Index in the summary
+// points at it.
+struct Metadata {
+  std::string name;
+  KeyValues metadata;
+};
+
+struct MetadataIndex {
+  uint64_t offset = 0;  // of the Metadata record
+  uint64_t length = 0;  // of the whole record, prefix included
+  std::string name;
+};
+
 struct SummaryOffset {
   uint8_t group_opcode = 0;
   uint64_t group_start = 0;
@@ -146,6 +159,8 @@ void AppendChunkHeader(std::string* out, const ChunkHeader& c);
 void AppendMessageIndex(std::string* out, uint16_t channel_id, const std::vector<IndexEntry>& e);
 void AppendChunkIndex(std::string* out, const ChunkIndex& c);
 void AppendStatistics(std::string* out, const Statistics& s);
+void AppendMetadata(std::string* out, const Metadata& m);
+void AppendMetadataIndex(std::string* out, const MetadataIndex& m);
 void AppendSummaryOffset(std::string* out, const SummaryOffset& s);
 void AppendDataEnd(std::string* out, uint32_t data_section_crc);
 
@@ -189,6 +204,8 @@ bool ParseMessageIndex(const char* content, size_t size, uint16_t* channel_id,
                        std::vector<IndexEntry>* out);
 bool ParseChunkIndex(const char* content, size_t size, ChunkIndex* out);
 bool ParseStatistics(const char* content, size_t size, Statistics* out);
+bool ParseMetadata(const char* content, size_t size, Metadata* out);
+bool ParseMetadataIndex(const char* content, size_t size, MetadataIndex* out);
 bool ParseSummaryOffset(const char* content, size_t size, SummaryOffset* out);
 bool ParseDataEnd(const char* content, size_t size, uint32_t* data_section_crc);
 

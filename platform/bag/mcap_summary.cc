@@ -28,6 +28,9 @@ void AppendFileTail(std::string* out, uint64_t data_end_offset, uint32_t data_cr
   begin = out->size();
   for (const ChunkIndex& c : summary.chunk_indexes) AppendChunkIndex(out, c);
   group(kOpChunkIndex, begin);
+  begin = out->size();
+  for (const MetadataIndex& m : summary.metadata_indexes) AppendMetadataIndex(out, m);
+  group(kOpMetadataIndex, begin);
 
   Footer footer;
   footer.summary_start = out->size() > summary_begin ? file_offset(summary_begin) : 0;

@@ -16,11 +16,12 @@ struct SummaryContent {
   std::vector<Channel> channels;
   Statistics statistics;
   std::vector<ChunkIndex> chunk_indexes;
+  std::vector<MetadataIndex> metadata_indexes;
 };
 
 // Appends everything that closes an MCAP file whose data section is `data_end_offset`
 // bytes long with CRC `data_crc`: Data End, the summary (schemas, channels, statistics,
-// chunk indexes, in that order), one Summary Offset per non-empty group, the Footer with
+// chunk indexes, metadata indexes, in that order), one Summary Offset per non-empty group, the Footer with
 // its CRC, and the closing magic.
 void AppendFileTail(std::string* out, uint64_t data_end_offset, uint32_t data_crc,
                     const SummaryContent& summary);

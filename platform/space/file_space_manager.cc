@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "platform/fileio/file_extension.h"
 
@@ -38,10 +39,21 @@ FileSpaceManager::FileSpaceManager(const std::string& directory, const std::stri
                                    const std::string& extension, unsigned long size_limit, Mode mode)
     : directory_(directory), prefix_(prefix), extension_(extension), size_limit_(size_limit), mode_(mode) {}
 
+void FileSpaceManager::set_filter(std::function<bool(const std::string& name)> filter) {
+  std::lock_guard<std::mutex> lock(mu_);
+  filter_ = std::move(filter);
+  index_.clear();
+}
+
+void FileSpaceManager::set_on_delete(std::function<void(const std::string& path, uint64_t size)> on_delete) {
+  std::lock_guard<std::mutex> lock(mu_);
+  on_delete_ = std::move(on_delete);
+}
+
 bool FileSpaceManager::Matches(const std::string& name) const {
   return name.compare(0, prefix_.size(), prefix_) == 0 &&
          common::util::CheckFileExtension(name, extension_) &&
-         name.size() >= prefix_.size() + extension_.size();
+         name.size() >= prefix_.size() + extension_.size() && (!filter_ || filter_(name));
 }
 
 std::string FileSpaceManager::PathOf(const std::string& name) const {
@@ -198,6 +210,7 @@ bool FileSpaceManager::free(std::function<bool(const std::vector<std::string>&)>
       continue;
     }
     total -= v->size;
+    if (on_delete_) on_delete_(PathOf(v->name), v->size);
     index_.erase(v->name);
   }
   close(dir_fd);

@@ -43,6 +43,14 @@ class FileSpaceManager {
   FileSpaceManager(const std::string& directory, const std::string& prefix, const std::string& extension,
                    unsigned long size_limit, Mode mode);
 
+  // Manages only the files whose names (without the folder) `filter` accepts as well, so
+  // that one program's budget never touches another's files. Call before the first free().
+  void set_filter(std::function<bool(const std::string& name)> filter);
+
+  // Called on free()'s thread after each file it deleted, with its path and size. Call
+  // before the first free().
+  void set_on_delete(std::function<void(const std::string& path, uint64_t size)> on_delete);
+
   FileSpaceManager(const FileSpaceManager&) = delete;
   FileSpaceManager& operator=(const FileSpaceManager&) = delete;
 
@@ -84,6 +92,8 @@ class FileSpaceManager {
   const std::string extension_;
   const unsigned long size_limit_;
   const Mode mode_;
+  std::function<bool(const std::string&)> filter_;
+  std::function<void(const std::string&, uint64_t)> on_delete_;
 
   std::mutex mu_;                      // serialises free(); guards the members below
   std::map<std::string, File> index_;  // kIndexed: the managed files as last measured

@@ -31,6 +31,16 @@ void JoinKinds(const std::string& kinds, std::string* into) {
 
 }  // namespace
 
+std::string UnreadableText(const BagSummary& s) {
+  std::string text;
+  if (s.damaged_chunks > 0) {
+    text = std::to_string(s.damaged_chunks) + (s.damaged_chunks == 1 ? " chunk" : " chunks") + " (" +
+           (s.messages_unknown ? "at least " : "") + std::to_string(s.lost_messages) + " messages)";
+  }
+  if (s.unread_bytes > 0) text += (text.empty() ? "" : " and ") + std::to_string(s.unread_bytes) + " bytes";
+  return text.empty() ? "" : text + " could not be read";
+}
+
 double BagSummary::Topic::frequency() const {
   if (messages < 2 || last_ms <= first_ms) return 0.0;
   return static_cast<double>(messages - 1) / ((last_ms - first_ms) * 0.001);
@@ -79,6 +89,14 @@ bool SummarizeBag(const std::string& path, BagSummary* summary, std::string* err
   const BagFileInfo after = reader.file_info();
   s.recovered = after.recovered;
   if (s.recovered) s.note = reader.get_error();
+  s.damaged_chunks = after.damaged_chunks;
+  s.lost_messages = after.lost_messages;
+  s.messages_unknown = after.messages_unknown;
+  s.unread_bytes = after.unread_bytes;
+  s.partial = after.damaged || after.unread_bytes > 0;
+  for (const BagMetadata& m : reader.metadata()) {
+    if (m.name == BagLosses::kMetadataName) s.losses.AddMetadata(m.values);
+  }
   *summary = std::move(s);
   return true;
 }
@@ -94,6 +112,12 @@ BagSummary MergeSummaries(const std::vector<BagSummary>& summaries) {
     merged.messages += s.messages;
     merged.chunks += s.chunks;
     merged.recovered = merged.recovered || s.recovered;
+    merged.partial = merged.partial || s.partial;
+    merged.damaged_chunks += s.damaged_chunks;
+    merged.lost_messages += s.lost_messages;
+    merged.messages_unknown = merged.messages_unknown || s.messages_unknown;
+    merged.unread_bytes += s.unread_bytes;
+    merged.losses.Add(s.losses);
     JoinKinds(s.compression, &merged.compression);
     if (s.messages > 0) {
       merged.start_ms = any_message ? std::min(merged.start_ms, s.start_ms) : s.start_ms;
@@ -134,6 +158,9 @@ std::string FormatSummary(const BagSummary& s) {
   out += "chunks:      " + std::to_string(s.chunks) + "\n";
   out += "recovered:   " + std::string(s.recovered ? "yes" : "no") + "\n";
   if (!s.note.empty()) out += "note:        " + s.note + "\n";
+  if (s.partial) out += "unreadable:  " + UnreadableText(s) + "\n";
+  out += "lost:        " + std::to_string(s.losses.total()) +
+         (s.losses.empty() ? "" : " (" + s.losses.Describe() + ")") + "\n";
   size_t name_width = 5, type_width = 4;
   for (const BagSummary::Topic& t : s.topics) {
     name_width = std::max(name_width, t.name.size());
@@ -167,6 +194,19 @@ Json::Value SummaryJson(const BagSummary& s) {
   v["chunks"] = s.chunks;
   v["recovered"] = s.recovered;
   v["note"] = s.note;
+  Json::Value& unreadable = v["unreadable"] = Json::Value(Json::objectValue);
+  unreadable["chunks"] = s.damaged_chunks;
+  unreadable["messages"] = static_cast<Json::UInt64>(s.lost_messages);
+  unreadable["messages_unknown"] = s.messages_unknown;
+  unreadable["bytes"] = static_cast<Json::UInt64>(s.unread_bytes);
+  v["lost"] = static_cast<Json::UInt64>(s.losses.total());
+  Json::Value& losses = v["losses"] = Json::Value(Json::objectValue);
+  for (const auto& [topic, counts] : s.losses.by_topic()) {
+    Json::Value& row = losses[topic] = Json::Value(Json::objectValue);
+    for (int i = 0; i < kBagLossReasons; ++i) {
+      if (counts[i] > 0) row[BagLossReasonName(static_cast<BagLossReason>(i))] = static_cast<Json::UInt64>(counts[i]);
+    }
+  }
   Json::Value& topics = v["topics"] = Json::Value(Json::arrayValue);
   for (const BagSummary::Topic& t : s.topics) {
     Json::Value row(Json::objectValue);

@@ -7,6 +7,8 @@
 
 #include <json/value.h>
 
+#include "platform/bag/bag_loss_ledger.h"
+
 namespace kelo {
 namespace cli {
 
@@ -38,6 +40,14 @@ struct BagSummary {
   unsigned chunks = 0;
   bool recovered = false;  // merged: any of them
   std::string note;        // the reader's line about what was recovered; "" when none
+  // What could not be read (BagFileInfo); `partial` when anything could not.
+  bool partial = false;
+  unsigned damaged_chunks = 0;
+  uint64_t lost_messages = 0;  // in those chunks; a lower bound when messages_unknown
+  bool messages_unknown = false;
+  uint64_t unread_bytes = 0;
+  // What the recording lost while the file was written, as the file itself says.
+  BagLosses losses;
 
   double duration_s() const { return (end_ms - start_ms) * 0.001; }
 };
@@ -51,13 +61,18 @@ bool SummarizeBag(const std::string& path, BagSummary* summary, std::string* err
 // topic rows of one name and type joined.
 BagSummary MergeSummaries(const std::vector<BagSummary>& summaries);
 
+// "2 chunks (40 messages) and 123 bytes could not be read"; "" when all could be read.
+std::string UnreadableText(const BagSummary& summary);
+
 // The text for people: file, size, times, duration, messages, compression, chunks,
-// recovery, then a row per topic with type, count and frequency.
+// recovery, what could not be read, what the recording lost, then a row per topic with
+// type, count and frequency.
 std::string FormatSummary(const BagSummary& summary);
 
 // The same as a JSON object: path (absent when merged), files, size_bytes, start_ms,
 // end_ms, start (local time text), end, duration_s, messages, compression, chunks,
-// recovered, note, and topics: [{topic, type, messages, frequency_hz}].
+// recovered, note, unreadable: {chunks, messages, messages_unknown, bytes}, lost,
+// losses: {topic: {reason: count}}, and topics: [{topic, type, messages, frequency_hz}].
 Json::Value SummaryJson(const BagSummary& summary);
 
 }  // namespace cli

@@ -1,22 +1,15 @@
 #include "tools/kelo_bag/bus_recording.h"
 
-#include <sys/time.h>
-
 #include <chrono>
 #include <cstdio>
 
 #include "record/bag_record.h"
+#include "tools/kelo_bag/format_units.h"
 #include "tools/kelo_bag/lcm_bus.h"
 #include "tools/kelo_bag/lcm_message_type.h"
 
 namespace kelo {
 namespace cli {
-
-long WallClockMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return static_cast<long>(now.tv_sec) * 1000 + now.tv_usec / 1000;
-}
 
 BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const void* data,
                                          size_t size, long record_time_ms) {
@@ -63,12 +56,41 @@ bool PumpBus(LcmBus* bus, const std::function<bool()>& stop, const std::function
 
 bool FinishRecording(BagRecord* record, int drain_timeout_ms) {
   const bool drained = record->Drain(drain_timeout_ms);
-  if (!drained) {
-    std::fprintf(stderr, "record: %d messages could not be written within %d s and are lost\n",
-                 record->GetRecordMonitor()->queue_size(), drain_timeout_ms / 1000);
-  }
   record->Stop();
+  const size_t left = record->DiscardQueued();
+  if (!drained) {
+    std::fprintf(stderr, "record: %zu messages could not be written within %d s and are lost\n", left,
+                 drain_timeout_ms / 1000);
+  }
   return drained;
+}
+
+bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes, const BagLosses& losses,
+                     const std::vector<std::string>& incomplete) {
+  constexpr size_t kTopicLines = 20;
+  size_t shown = 0;
+  for (const auto& entry : losses.by_topic()) {
+    if (++shown > kTopicLines) {
+      std::printf("lost on %zu more topics\n", losses.by_topic().size() - kTopicLines);
+      break;
+    }
+    BagLosses topic;
+    for (int i = 0; i < kBagLossReasons; ++i) topic.Add(entry.first, static_cast<BagLossReason>(i), entry.second[i]);
+    std::printf("lost on %s: %s\n", entry.first.c_str(), topic.Describe().c_str());
+  }
+  for (const std::string& file : incomplete) {
+    std::printf("could not complete %s; it stays readable as unfinished\n", file.c_str());
+  }
+  const std::string total = verb + " " + std::to_string(messages) + " messages (" +
+                            FormatBytes(static_cast<double>(bytes)) + ")";
+  if (losses.empty()) {
+    std::printf("%s, none lost\n", total.c_str());
+  } else {
+    std::printf("%s; %llu of them lost: %s\n", total.c_str(), static_cast<unsigned long long>(losses.total()),
+                losses.Describe().c_str());
+  }
+  std::fflush(stdout);
+  return losses.empty() && incomplete.empty();
 }
 
 }  // namespace cli

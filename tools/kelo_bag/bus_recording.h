@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/bag/bag_loss_ledger.h"
 #include "record/bag_record_writer.h"
 
 namespace kelo {
@@ -44,11 +45,16 @@ bool PumpBus(LcmBus* bus, const std::function<bool()>& stop, const std::function
 
 // Waits, at most `drain_timeout_ms`, until the recorder has written every message it took,
 // then stops it (completing its file). Returns false, after saying on stderr how many
-// messages were left unwritten, when the time ran out.
+// messages were left unwritten (and counting them lost), when the time ran out.
 bool FinishRecording(BagRecord* record, int drain_timeout_ms);
 
-// Milliseconds since the epoch.
-long WallClockMs();
+// Says on standard output how a recording ended: a line for each topic that lost messages
+// and for each file left unfinished, then a last line with the totals,
+// "<verb> 1200 messages (3.4 MB), none lost" or
+// "<verb> 1200 messages (3.4 MB); 3 of them lost: 2 queue full, 1 disk full".
+// Returns whether nothing was lost and every file was completed.
+bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes, const BagLosses& losses,
+                     const std::vector<std::string>& incomplete);
 
 }  // namespace cli
 }  // namespace kelo

@@ -1,9 +1,29 @@
 #include "tools/kelo_bag/command_options.h"
 
 #include <algorithm>
+#include <cstdio>
+
+#include "tools/kelo_bag/commands.h"
 
 namespace kelo {
 namespace cli {
+
+const char kExitCodesHelp[] =
+    "\nexit codes:\n"
+    "  0  all went well\n"
+    "  1  something was lost or could not be done; the last line says how many and why\n"
+    "  2  a bad command line, or input that cannot be used at all\n"
+    "  3  damaged input was read as far as it could be; each damaged file is named with what\n"
+    "     could not be read\n"
+    "  (when several apply, the smallest)\n";
+
+bool ParseCommandLine(ToolsOptions* opt, int argc, const char* const* argv, int* exit_code) {
+  const ToolsOptions::ParseResult result = opt->parse(argc, argv);
+  if (result == ToolsOptions::ParseResult::kLoaded) return true;
+  if (result == ToolsOptions::ParseResult::kHelp) std::fputs(kExitCodesHelp, stdout);
+  *exit_code = opt->exit_code();
+  return false;
+}
 
 std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, const char* const* argv) {
   const std::set<std::string> given = opt.get_list(opt.name());

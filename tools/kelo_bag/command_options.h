@@ -14,6 +14,11 @@ namespace cli {
 // is parsed as ToolsOptions parses: a bad command line prints one line and parse()
 // returns kFailed; Check() adds what the parser cannot know, as one line, "" when fine.
 
+// Parses a command's command line. True when its settings are loaded; otherwise false with
+// `exit_code` set: 0 after --help (followed by what the exit codes mean), 2 after a bad
+// command line.
+bool ParseCommandLine(ToolsOptions* opt, int argc, const char* const* argv, int* exit_code);
+
 // The positional arguments of the last parse of `opt`, in the order of `argv` (the parser
 // keeps them as a set), each once.
 std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, const char* const* argv);

@@ -5,8 +5,15 @@ namespace kelo {
 namespace cli {
 
 // The kelo_bag commands. Each takes its own command line, argv[0] being the command's name,
-// and returns the process's exit code: 0 when it did its job, 1 when something failed on
-// the way (said on standard error), 2 for a bad command line (one line on standard error).
+// and returns the process's exit code, the same for every command:
+constexpr int kExitOk = 0;        // all went well
+constexpr int kExitLost = 1;      // something was lost or could not be done (the last line says what)
+constexpr int kExitUnusable = 2;  // a bad command line, or input that cannot be used at all
+constexpr int kExitPartial = 3;   // damaged input was read as far as it could be (each file named)
+
+// The exit codes as --help shows them.
+extern const char kExitCodesHelp[];
+
 int RunRecord(int argc, const char* const* argv);
 int RunPlay(int argc, const char* const* argv);
 int RunInfo(int argc, const char* const* argv);

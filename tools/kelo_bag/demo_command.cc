@@ -118,13 +118,13 @@ bool Record(const std::string& directory, uint64_t* published, uint64_t* dropped
   status.Clear();
   const bool drained = FinishRecording(&record, kDrainTimeoutMs);
   const RecordStatus last = StatusOf(*record.GetRecordMonitor());
+  const BagLosses losses = record.GetLosses();
   *published = publishers.published();
-  *dropped = static_cast<uint64_t>(last.drops);
-  std::printf("published %llu messages; the recorder took %llu (%s) and dropped %lld\n",
-              static_cast<unsigned long long>(*published), static_cast<unsigned long long>(last.messages),
-              FormatBytes(static_cast<double>(last.bytes)).c_str(), static_cast<long long>(last.drops));
-  std::fflush(stdout);
-  return bus_ok && drained;
+  *dropped = losses.total();
+  std::printf("published %llu messages\n", static_cast<unsigned long long>(*published));
+  const bool whole = ReportRecording("the recorder received", last.messages, last.bytes, losses,
+                                     record.GetIncompleteFiles());
+  return bus_ok && drained && whole;
 }
 
 // Describes the parts, then all of them together; returns the parts' paths.
@@ -175,7 +175,8 @@ bool PlayFirstPart(const std::string& bag) {
 
 int RunDemo(int argc, const char* const* argv) {
   DemoOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   std::string directory = opt.directory;
   std::string error;
   if (directory.empty()) {

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -27,6 +28,18 @@ bool MakeDirectories(const std::string& path, std::string* error) {
     *error = path + " exists and is not a directory";
     return false;
   }
+  return true;
+}
+
+bool CheckWritableDirectory(const std::string& directory, std::string* error) {
+  std::string probe = directory + "/.kelo_bag_probe_XXXXXX";
+  const int fd = mkstemp(&probe[0]);
+  if (fd < 0) {
+    *error = "cannot write in " + directory + ": " + std::strerror(errno);
+    return false;
+  }
+  close(fd);
+  unlink(probe.c_str());
   return true;
 }
 

@@ -11,6 +11,10 @@ namespace cli {
 // otherwise `error` holds one line with the system's reason.
 bool MakeDirectories(const std::string& path, std::string* error);
 
+// Whether files can be created in `directory` now: a probe file is created and removed.
+// False, with `error` holding one line with the system's reason, when not.
+bool CheckWritableDirectory(const std::string& directory, std::string* error);
+
 // The directory part of a file path: "." when it has none, "/" for a file in the root.
 std::string DirectoryOf(const std::string& file_path);
 

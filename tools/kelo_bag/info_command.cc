@@ -15,7 +15,8 @@ namespace cli {
 
 int RunInfo(int argc, const char* const* argv) {
   InfoOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   opt.files = PositionalsAsGiven(opt, argc, argv);
   const std::string wrong = opt.Check();
   if (!wrong.empty()) {
@@ -24,14 +25,19 @@ int RunInfo(int argc, const char* const* argv) {
   }
 
   std::vector<BagSummary> summaries;
-  bool all_read = true;
+  bool unusable = false;
+  bool partial = false;
   for (const std::string& file : opt.files) {
     BagSummary summary;
     std::string error;
     if (!SummarizeBag(file, &summary, &error)) {
       std::fprintf(stderr, "info: %s\n", error.c_str());
-      all_read = false;
+      unusable = true;
       continue;
+    }
+    if (summary.partial) {
+      std::fprintf(stderr, "info: %s: %s\n", file.c_str(), UnreadableText(summary).c_str());
+      partial = true;
     }
     if (!opt.json) {
       std::fputs(((summaries.empty() ? "" : "\n") + FormatSummary(summary)).c_str(), stdout);
@@ -50,7 +56,8 @@ int RunInfo(int argc, const char* const* argv) {
     std::fputs(("\n" + FormatSummary(MergeSummaries(summaries))).c_str(), stdout);
   }
   std::fflush(stdout);
-  return all_read ? 0 : 1;
+  if (unusable) return kExitUnusable;
+  return partial ? kExitPartial : kExitOk;
 }
 
 }  // namespace cli

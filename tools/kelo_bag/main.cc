@@ -30,6 +30,7 @@ void PrintHelp() {
       "       kelo_bag COMMAND --help     options of one command\n\n"
       "commands:\n");
   for (const Command& command : kCommands) std::printf("  %-8s %s\n", command.name, command.summary);
+  std::fputs(kelo::cli::kExitCodesHelp, stdout);
 }
 
 }  // namespace

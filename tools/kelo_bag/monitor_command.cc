@@ -32,7 +32,8 @@ std::string CompactJson(const Json::Value& value) {
 
 int RunMonitor(int argc, const char* const* argv) {
   MonitorOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   const std::string wrong = opt.Check();
   if (!wrong.empty()) {
     std::fprintf(stderr, "monitor: %s (usage: monitor [OPTIONS]; see --help)\n", wrong.c_str());

@@ -132,15 +132,17 @@ class KeyReader {
 // The files that have something to play, each named once on stderr when it has not, and
 // the earliest start time among them: where the play range is counted from. A file without
 // messages is left out rather than given to the player, whose merged view would take its
-// start time of 0 as the bags' beginning.
-std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms) {
+// start time of 0 as the bags' beginning. `unusable` is set when a file is no bag at all.
+std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms, bool* unusable) {
   std::vector<std::string> playable;
   *begin_ms = 0;
+  *unusable = false;
   for (const std::string& file : files) {
     BagReader reader(file);
     const std::string error = reader.get_error();
     if (!error.empty() && !reader.file_info().recovered) {
       std::fprintf(stderr, "play: %s\n", error.c_str());
+      *unusable = true;
       continue;
     }
     if (reader.count() == 0) {
@@ -157,7 +159,8 @@ std::vector<std::string> PlayableBags(const std::vector<std::string>& files, lon
 
 int RunPlay(int argc, const char* const* argv) {
   PlayOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   opt.files = PositionalsAsGiven(opt, argc, argv);
   const std::string wrong = opt.Check();
   if (!wrong.empty()) {
@@ -176,10 +179,11 @@ int RunPlay(int argc, const char* const* argv) {
   }
 
   long begin_ms = 0;
-  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms);
+  bool unusable = false;
+  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable);
   if (playable.empty()) {
     std::fprintf(stderr, "play: nothing to play\n");
-    return 1;
+    return unusable ? kExitUnusable : kExitLost;
   }
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
@@ -238,12 +242,21 @@ int RunPlay(int argc, const char* const* argv) {
     }
   }
   std::printf("\nplayed %llu messages\n", static_cast<unsigned long long>(delivered));
+  std::fflush(stdout);
+  // Damage found while playing is told too, with what could not be read.
+  bool partial = false;
+  for (const auto& [line, damaged] : play.GetBagErrors()) {
+    if (!damaged) continue;
+    std::fprintf(stderr, "play: %s\n", line.c_str());
+    partial = true;
+  }
   if (publish_failures > 0) {
     std::fprintf(stderr, "play: %llu messages could not be published\n",
                  static_cast<unsigned long long>(publish_failures));
+    return kExitLost;
   }
-  std::fflush(stdout);
-  return publish_failures == 0 && playable.size() == opt.files.size() ? 0 : 1;
+  if (unusable) return kExitUnusable;
+  return partial ? kExitPartial : kExitOk;
 }
 
 }  // namespace cli

@@ -3,19 +3,25 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "output/tools_module_output.h"
+#include "platform/bag/bag_cache_writer.h"
 #include "platform/bag/bag_writer_options.h"
 #include "platform/fileio/file_path.h"
 #include "platform/udp/udp_cast_manager.h"
 #include "record/bag_record.h"
 #include "record/bag_record_writer.h"
+#include "record/record_monitor_service.h"
+#include "record/wall_clock.h"
 #include "tools/kelo_bag/bus_recording.h"
+#include "tools/kelo_bag/command_options.h"
 #include "tools/kelo_bag/commands.h"
 #include "tools/kelo_bag/files.h"
 #include "tools/kelo_bag/format_units.h"
@@ -45,86 +51,149 @@ std::string WhatIsRecorded(const RecordToolOpt& opt, const std::string& url) {
 
 int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the recorder, which reports to it
-  BagRecord record(opt.node_name, opt.output, opt.split_time);
-  record.output()->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
-  FeedRecorder(bus, &record, TopicList(opt));
-  record.Start();
+  auto record = std::make_unique<BagRecord>(opt.node_name, opt.output, opt.split_time);
+  record->output()->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
+  FeedRecorder(bus, record.get(), TopicList(opt));
+  record->Start();
   std::printf("recording %s as node %s; Ctrl-C stops\n", WhatIsRecorded(opt, bus->url()).c_str(),
-              record.options().node_name.c_str());
+              record->options().node_name.c_str());
   std::fflush(stdout);
 
   const bool bus_ok = PumpBus(
       bus, [] { return StopSignal::Requested(); },
-      [&] { status.Show(FormatRecordStatus(StatusOf(*record.GetRecordMonitor()))); });
+      [&] { status.Show(FormatRecordStatus(StatusOf(*record->GetRecordMonitor()))); });
   status.Clear();
   if (!bus_ok) std::fprintf(stderr, "record: the LCM bus failed; stopping\n");
   std::printf("stopping: writing what was received...\n");
   std::fflush(stdout);
 
-  const bool drained = FinishRecording(&record, kDrainTimeoutMs);
-  const RecordStatus last = StatusOf(*record.GetRecordMonitor());
-  std::printf("recorded %llu messages (%s), %lld dropped\n", static_cast<unsigned long long>(last.messages),
-              FormatBytes(static_cast<double>(last.bytes)).c_str(), static_cast<long long>(last.drops));
-  std::fflush(stdout);
-  return bus_ok && drained ? 0 : 1;
+  const bool drained = FinishRecording(record.get(), kDrainTimeoutMs);
+  const RecordStatus last = StatusOf(*record->GetRecordMonitor());
+  const BagLosses losses = record->GetLosses();
+  const std::vector<std::string> incomplete = record->GetIncompleteFiles();
+  record.reset();  // its goodbye comes before the summary, which is the last line
+  const bool whole = ReportRecording("received", last.messages, last.bytes, losses, incomplete);
+  return bus_ok && drained && whole ? 0 : 1;
+}
+
+// The statistics of a recording in trigger mode, where no BagRecord keeps them: per topic
+// and for all together, read by the status line and by monitor queries.
+class CacheStatistics {
+ public:
+  void Add(const std::string& topic, long now_ms, uint64_t bytes) {
+    const BagRecord::MessageInfo info{now_ms * 0.001, bytes};
+    std::lock_guard<std::mutex> hold(mutex_);
+    BagRecord::TopicInfo& topic_info = topics_[topic];
+    ++topic_info.count;
+    topic_info.info_queue.append(info);
+    total_.append(info);
+  }
+
+  std::shared_ptr<tools::interactive::BagRecordMonitor> Snapshot(const RecordToolOpt& opt, BagRecordTrigger* writer,
+                                                                 long started_ms) {
+    const long now_ms = WallClockMs();
+    auto monitor = std::make_shared<tools::interactive::BagRecordMonitor>();
+    monitor->set_node_name(opt.node_name);
+    monitor->set_file_name(opt.output);
+    monitor->set_record_time((now_ms - started_ms) * 0.001);
+    monitor->set_queue_size(0);  // every message goes into the cache as it comes
+    monitor->set_drop_count(0);
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      FillMonitorRates(total_, now_ms * 0.001, monitor->mutable_message_info());
+      for (const auto& [name, info] : topics_) {
+        tools::interactive::BagRecordTopicInfo* topic = monitor->add_topic_info();
+        topic->set_topic_name(name);
+        topic->set_detail_1(info.detail_1);
+        topic->set_detail_2(info.detail_2);
+        topic->set_message_count(info.count);
+        FillMonitorRates(info.info_queue, now_ms * 0.001, topic->mutable_message_info());
+      }
+    }
+    FillMonitorLosses(writer->losses()->Total(), monitor.get());
+    monitor->set_current_file("");
+    monitor->set_problems(writer->problems());
+    monitor->set_mode("trigger");
+    return monitor;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, BagRecord::TopicInfo> topics_;
+  BagRecord::MessageInfoQueue total_;
+};
+
+// How many seconds of the traffic `status` describes a cache of `cache_bytes` holds.
+double CachedSeconds(const RecordStatus& status, long cache_bytes) {
+  const double per_second =
+      status.bytes_per_second + status.messages_per_second * BagCacheWriter::kMessageOverheadBytes;
+  return per_second > 0 ? static_cast<double>(cache_bytes) / per_second : 1e18;
 }
 
 int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);
   BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
-  writer.set_on_save([&status](const std::string& saved) {
-    const std::string line = "trigger bag: " + saved + "\n";
-    std::fputs(line.c_str(), stdout);
+  auto print = [&status](const std::string& line) {
+    std::fputs((line + "\n").c_str(), stdout);
     std::fflush(stdout);
-    status.AfterText(line);
-  });
+    status.AfterText(line + "\n");
+  };
+  writer.set_on_save([&print](const std::string& saved) { print("trigger bag: " + saved); });
+  writer.set_on_report(print);
 
-  // The writer is fed on this thread; the statistics are read here too.
-  BagRecord::MessageInfoQueue rates;
-  uint64_t messages = 0;
+  // The writer is fed on this thread; the statistics are read here and by monitor queries.
+  CacheStatistics statistics;
   const long started_ms = WallClockMs();
   bus->Subscribe(TopicList(opt), [&](const LcmBus::Message& m) {
     const long now_ms = WallClockMs();
-    BagRecordWriter::Message message = RecordedMessage(m.channel, m.recv_utime, m.data, m.size, now_ms);
-    if (message.data.empty()) {
-      std::fprintf(stderr, "record: empty message on %s not kept\n", m.channel);
-      return;
-    }
-    writer.save_message(message);
-    ++messages;
-    rates.append(BagRecord::MessageInfo{now_ms * 0.001, m.size});
+    writer.save_message(RecordedMessage(m.channel, m.recv_utime, m.data, m.size, now_ms));
+    statistics.Add(m.channel, now_ms, m.size);
   });
+  RecordMonitorService::Registration monitor = RecordMonitorService::Register(
+      UdpCastManager::GetCastServer(BagRecord::kMonitorGroup, BagRecord::kMonitorPort),
+      [&] { return statistics.Snapshot(opt, &writer, started_ms); });
   std::printf("caching %s as node %s (window %ld s before a trigger, %ld s long); Ctrl-C stops\n",
               WhatIsRecorded(opt, bus->url()).c_str(), opt.node_name.c_str(), opt.reserve_time,
               opt.duration_time);
   std::fflush(stdout);
 
+  // A notice comes when the window has passed, so the cache must reach back over the
+  // longer of the two.
+  const double window_s = static_cast<double>(std::max(opt.reserve_time, opt.duration_time));
+  bool warned = false;
   const bool bus_ok = PumpBus(
       bus, [] { return StopSignal::Requested(); },
       [&] {
-        RecordStatus s;
-        s.seconds = (WallClockMs() - started_ms) * 0.001;
-        s.messages = messages;
-        s.bytes = rates.total_bytes();
-        s.messages_per_second = rates.freq();
-        s.bytes_per_second = rates.pre_bytes();
-        status.Show(FormatRecordStatus(s, "caching"));
+        const RecordStatus now = StatusOf(*statistics.Snapshot(opt, &writer, started_ms));
+        const double held = CachedSeconds(now, opt.cache_size);
+        if (held < window_s && !warned) {
+          status.Clear();
+          std::fprintf(stderr,
+                       "record: at %s the cache of %s holds %.0f s, less than the %.0f s a trigger's window "
+                       "needs: windows will lose their beginning (raise --cache)\n",
+                       FormatByteRate(now.bytes_per_second).c_str(),
+                       FormatBytes(static_cast<double>(opt.cache_size)).c_str(), held, window_s);
+        }
+        warned = held < window_s;
+        status.Show(FormatRecordStatus(now, "caching"));
       });
   status.Clear();
   if (!bus_ok) std::fprintf(stderr, "record: the LCM bus failed; stopping\n");
+  monitor = RecordMonitorService::Registration();
   // Nothing is queued in trigger mode: every message went into the cache as it came.
   writer.close();
-  std::printf("stopped after caching %llu messages (%s)\n", static_cast<unsigned long long>(messages),
-              FormatBytes(static_cast<double>(rates.total_bytes())).c_str());
-  std::fflush(stdout);
-  return bus_ok ? 0 : 1;
+  const RecordStatus last = StatusOf(*statistics.Snapshot(opt, &writer, started_ms));
+  const bool whole =
+      ReportRecording("cached", last.messages, last.bytes, writer.losses()->Total(), writer.incomplete_files());
+  return bus_ok && whole ? 0 : 1;
 }
 
 }  // namespace
 
 int RunRecord(int argc, const char* const* argv) {
   RecordToolOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   const std::string wrong = opt.Check();
   if (!wrong.empty()) {
     std::fprintf(stderr, "record: %s (usage: record [OPTIONS] [topic_name(s)...]; see --help)\n",
@@ -139,8 +208,9 @@ int RunRecord(int argc, const char* const* argv) {
   SetDefaultBagWriterOptions(opt.WriterOptions());
 
   std::string error;
-  if (!MakeDirectories(DirectoryOf(opt.output), &error)) {
-    std::fprintf(stderr, "record: %s\n", error.c_str());
+  const std::string folder = DirectoryOf(opt.output);
+  if (!MakeDirectories(folder, &error) || !CheckWritableDirectory(folder, &error)) {
+    std::fprintf(stderr, "record: %s; nothing recorded\n", error.c_str());
     return 1;
   }
   const std::string url = BusUrl(opt.url);

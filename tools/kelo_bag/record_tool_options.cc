@@ -26,6 +26,17 @@ std::string RecordToolOpt::Check() const {
     return "--compression must be zstd, lz4 or none, not \"" + compression + "\"";
   }
   if (split_time < 0) return "--split_time must not be negative";
+  if (!trigger) {
+    for (const char* option : {"reserve", "duration", "cache", "folder_size"}) {
+      if (!get_string(option, "").empty()) return std::string("--") + option + " is for --trigger mode";
+    }
+    if (nospacelimit) return "--nospacelimit is for --trigger mode";
+    return "";
+  }
+  if (reserve_time < 0) return "--reserve must not be negative";
+  if (duration_time < 0) return "--duration must not be negative";
+  if (cache_size < 0) return "--cache must not be negative";
+  if (folder_size < 0) return "--folder_size must not be negative";
   return "";
 }
 

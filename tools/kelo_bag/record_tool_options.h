@@ -22,7 +22,8 @@ class RecordToolOpt : public BagRecordOpt {
   void load_opts() override;
 
   // "" when the settings make sense together; otherwise one line saying what is wrong:
-  // no topic and no -a, both, or an unknown compression.
+  // no topic and no -a, both, an unknown compression, a negative period, size or time, or
+  // a trigger-mode option without --trigger.
   std::string Check() const;
 
   // The writer options that `compression` asks for (zstd unless it names another).

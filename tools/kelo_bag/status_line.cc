@@ -13,21 +13,36 @@ RecordStatus StatusOf(const tools::interactive::BagRecordMonitor& snapshot) {
   for (const auto& topic : snapshot.topic_info()) {
     status.messages += static_cast<uint32_t>(topic.message_count());
   }
-  status.bytes = snapshot.message_info().total_bytes();
+  const auto& info = snapshot.message_info();
+  status.bytes = info.total_bytes();
   status.drops = snapshot.drop_count();
+  // A recorder that counts no losses of its own knows only its drops.
+  status.lost = snapshot.has_lost_count() ? snapshot.lost_count() : static_cast<uint64_t>(status.drops);
   status.queue = snapshot.queue_size();
-  status.messages_per_second = snapshot.message_info().freq();
-  status.bytes_per_second = snapshot.message_info().pre_bytes();
+  status.messages_per_second = info.has_current_freq() ? info.current_freq() : info.freq();
+  status.bytes_per_second = info.has_current_bytes() ? info.current_bytes() : info.pre_bytes();
+  status.problem = ProblemKind(snapshot.problems());
   return status;
 }
+
+BagLosses LossesOf(const tools::interactive::BagRecordMonitor& snapshot) {
+  BagLosses losses;
+  for (const auto& loss : snapshot.losses()) {
+    BagLossReason reason;
+    if (BagLossReasonFromName(loss.reason(), &reason)) losses.Add(loss.topic_name(), reason, loss.count());
+  }
+  return losses;
+}
+
+std::string ProblemKind(const std::string& problems) { return problems.substr(0, problems.find(':')); }
 
 std::string FormatRecordStatus(const RecordStatus& status, const std::string& activity) {
   char rate[64];
   std::snprintf(rate, sizeof(rate), "%.1f msg/s", status.messages_per_second);
   return activity + " " + FormatClock(status.seconds) + "  " + std::to_string(status.messages) + " msgs  " +
-         FormatBytes(static_cast<double>(status.bytes)) + "  " + std::to_string(status.drops) +
-         (status.drops == 1 ? " drop" : " drops") + "  (" + rate + ", " +
-         FormatByteRate(status.bytes_per_second) + ", queue " + std::to_string(status.queue) + ")";
+         FormatBytes(static_cast<double>(status.bytes)) + "  " + std::to_string(status.lost) + " lost  (" + rate +
+         ", " + FormatByteRate(status.bytes_per_second) + ", queue " + std::to_string(status.queue) + ")" +
+         (status.problem.empty() ? "" : "  ! " + status.problem);
 }
 
 StatusLine::StatusLine(FILE* out, bool terminal) : out_(out), terminal_(terminal) {}

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/bag/bag_loss_ledger.h"
 #include "proto/bag_record_monitor.pb.h"
 
 namespace kelo {
@@ -16,17 +17,25 @@ struct RecordStatus {
   double seconds = 0;     // recording for
   uint64_t messages = 0;  // taken
   uint64_t bytes = 0;     // taken
-  int64_t drops = 0;      // dropped because the disk fell behind
+  int64_t drops = 0;      // dropped from the recorder's queue because the disk fell behind
+  uint64_t lost = 0;      // lost for any reason, the drops included
   int64_t queue = 0;      // waiting to be written
-  double messages_per_second = 0;
+  double messages_per_second = 0;  // now: 0 once the traffic stopped
   double bytes_per_second = 0;
+  std::string problem;    // what fails, in a few words ("disk full"); "" while all is well
 };
 
 // The figures of a recorder's monitor snapshot: the messages are the sum over its topics.
 RecordStatus StatusOf(const tools::interactive::BagRecordMonitor& snapshot);
 
-// One line, e.g. "recording 00:12  3456 msgs  123 MB  0 drops  (412.0 msg/s, 15.2 MB/s, queue 3)",
-// beginning with `activity`.
+// The losses a snapshot reports, per topic and reason.
+BagLosses LossesOf(const tools::interactive::BagRecordMonitor& snapshot);
+
+// The first words of a problem line, up to its first ':' ("disk full").
+std::string ProblemKind(const std::string& problems);
+
+// One line, e.g. "recording 00:12  3456 msgs  123 MB  0 lost  (412.0 msg/s, 15.2 MB/s, queue 3)",
+// beginning with `activity`, and ending with "  ! disk full" while something fails.
 std::string FormatRecordStatus(const RecordStatus& status, const std::string& activity = "recording");
 
 // Keeps one status line at the bottom of a terminal while other texts scroll above it.

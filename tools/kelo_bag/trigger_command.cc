@@ -26,7 +26,8 @@ constexpr int kDefaultTimeoutMs = 3600 * 1000;
 
 int RunTrigger(int argc, const char* const* argv) {
   TriggerOpt opt;
-  if (opt.parse(argc, argv) != ToolsOptions::ParseResult::kLoaded) return opt.exit_code();
+  int exit_code;
+  if (!ParseCommandLine(&opt, argc, argv, &exit_code)) return exit_code;
   std::string wrong = opt.Check();
   if (wrong.empty() && !TriggerNotice::IsValidLabel(opt.label)) {
     wrong = "--label takes up to " + std::to_string(TriggerNotice::kMaxLabelBytes) +
