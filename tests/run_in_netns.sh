@@ -1,7 +1,9 @@
 #!/bin/sh
 # Runs a command in a private network namespace that has nothing but loopback, so a test
 # can use UDP (multicast included) without a datagram leaving this machine, and tests
-# running side by side never share a port. The command's exit code is passed through.
+# running side by side never share a port. The command also gets a private mount
+# namespace, in which it may mount small file systems (a full disk) and read-only folders
+# that nobody else sees. The command's exit code is passed through.
 #
 #   tests/run_in_netns.sh build/dev/tests/udp_cast_server_test --gtest_filter=...
 #
@@ -21,9 +23,9 @@ if [ "$1" != "$inside_marker" ]; then
     exit 1
   fi
   if [ "$(id -u)" -eq 0 ]; then
-    exec unshare --net -- /bin/sh "$0" "$inside_marker" "$@"
+    exec unshare --net --mount --propagation private -- /bin/sh "$0" "$inside_marker" "$@"
   fi
-  exec unshare --net --map-root-user -- /bin/sh "$0" "$inside_marker" "$@"
+  exec unshare --net --mount --propagation private --map-root-user -- /bin/sh "$0" "$inside_marker" "$@"
 fi
 shift
 

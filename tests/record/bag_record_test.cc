@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,10 +15,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/bag/bag_writer_options.h"
 #include "platform/fileio/file_extension.h"
 #include "record/bag_record.h"
 #include "record/bag_record_options.h"
 #include "tests/support/bag_files.h"
+#include "tests/support/mounts.h"
 #include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
@@ -26,8 +29,10 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing_support::Noise;
 using testing_support::ReadAll;
 using testing_support::ReportLog;
+using testing_support::ScopedMount;
 using testing_support::TempDir;
 
 const char kDropLine[] = "AppendMessage buffer exceeded and dropping oldest queued message. count = ";
@@ -84,7 +89,7 @@ TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrder) {
   EXPECT_THAT(log.texts(), ElementsAre("save thread running", "save thread exit", "record exit"));
 }
 
-TEST(BagRecordTest, NeverStartedRecorderTakesNothingAndOnlySaysGoodbye) {
+TEST(BagRecordTest, NeverStartedRecorderTakesNothingLeavesNoFileAndOnlySaysGoodbye) {
   TempDir dir;
   ReportLog log;
   {
@@ -97,7 +102,7 @@ TEST(BagRecordTest, NeverStartedRecorderTakesNothingAndOnlySaysGoodbye) {
     testing::internal::GetCapturedStdout();
   }
   EXPECT_THAT(log.texts(), ElementsAre("record exit"));
-  EXPECT_TRUE(ReadDirectory(dir).empty());
+  EXPECT_THAT(dir.List(), ElementsAre());
 }
 
 TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplicates) {
@@ -152,7 +157,7 @@ TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplica
   EXPECT_EQ(log.CountPrefix(kDropLine), 0u);
 }
 
-TEST(BagRecordTest, EmptyPayloadIsReportedAndNotWritten) {
+TEST(BagRecordTest, EmptyPayloadIsReportedCountedLostAndNotWritten) {
   TempDir dir;
   ReportLog log;
   {
@@ -163,6 +168,8 @@ TEST(BagRecordTest, EmptyPayloadIsReportedAndNotWritten) {
     record.AppendMessage(6, "/full", "demo.Full", "x");
     ASSERT_TRUE(record.Drain(60000));
     record.Stop();
+    EXPECT_EQ(1u, record.GetLosses().total(BagLossReason::kEmpty));
+    EXPECT_EQ(1u, record.GetLosses().topic_total("/empty"));
   }
   EXPECT_EQ(log.Count("error message data. topic name: /empty\n"), 1u);
   std::vector<BagMessage> all = ReadDirectory(dir);
@@ -189,6 +196,7 @@ TEST(BagRecordTest, FullQueueDropsTheOldestAndCountsFromOneAfterEachStart) {
   std::vector<BagMessage> all = ReadDirectory(dir);
   ASSERT_EQ(all.size(), 1000u);
   for (int i = 3; i <= 1002; ++i) EXPECT_EQ(all[i - 3].data, std::to_string(i));
+  EXPECT_EQ(2u, record.GetLosses().total(BagLossReason::kQueueFull));
 
   log.HoldOn("save thread running");
   record.Start();
@@ -225,6 +233,7 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   std::vector<long> times;
   for (const BagMessage& message : all) times.push_back(message.time);
   EXPECT_THAT(times, ElementsAre(1000, 3000)) << "the message in progress is finished, the rest dropped";
+  EXPECT_EQ(3u, record.GetLosses().total(BagLossReason::kShutdown)) << "and counted";
 }
 
 TEST(BagRecordTest, StartAfterStopKeepsRecordingWithoutOverwriting) {
@@ -324,6 +333,144 @@ TEST(BagRecordTest, ConcurrentIntakeAcrossStartStopCyclesAndDestruction) {
     BagReader reader(dir.file(name));
     EXPECT_EQ(reader.get_error(), "") << name;
   }
+}
+
+// Every message ends in a completed, readable file or is counted lost with its reason.
+void ExpectEveryMessageAccountedFor(const TempDir& dir, const BagRecord& record, size_t handed) {
+  size_t written = 0;
+  for (const std::string& name : dir.List()) {
+    if (!common::util::CheckFileExtension(name, ".kelobag")) continue;
+    BagReader reader(dir.file(name));
+    EXPECT_EQ("", reader.get_error());
+    written += reader.count();
+  }
+  EXPECT_EQ(handed, written + record.GetLosses().total());
+}
+
+TEST(BagRecordTest, AFullDiskKeepsWhatFitsCountsTheRestAndEveryFileStaysWhole) {
+  TempDir dir;
+  ScopedMount disk = ScopedMount::SmallDisk(dir.path(), 4 << 20);
+  ReportLog log;
+  testing::internal::CaptureStderr();
+  {
+    BagRecord record("node", dir.path() + "/", 1);
+    record.output()->set_output_string_func(log.sink());
+    record.Start();
+    constexpr int kMessages = 800;  // 8 MB, 2 s of message time: a split on the way
+    std::string problems;
+    for (int i = 0; i < kMessages; ++i) {
+      record.AppendMessage(1000 + i * 2.5, i % 2 ? "/odd" : "/even", "demo.T", Noise(10000, i));
+      if (i % 100 == 99) {
+        ASSERT_TRUE(record.Drain(60000));
+        if (problems.empty()) problems = record.GetRecordMonitor()->problems();
+      }
+    }
+    ASSERT_TRUE(record.Drain(60000));
+    record.Stop();
+    EXPECT_THAT(problems, HasSubstr("disk full"));
+    const BagLosses lost = record.GetLosses();
+    EXPECT_GT(lost.total(BagLossReason::kDiskFull), 0u);
+    EXPECT_GT(lost.topic_total("/odd"), 0u);
+    EXPECT_EQ(lost.total(), record.GetRecordMonitor()->lost_count());
+    ExpectEveryMessageAccountedFor(dir, record, kMessages);
+    EXPECT_TRUE(record.GetIncompleteFiles().empty());
+  }
+  testing::internal::GetCapturedStderr();
+  for (const std::string& name : dir.List()) EXPECT_THAT(name, testing::EndsWith(".kelobag"));
+}
+
+TEST(BagRecordTest, AnUnwritableFolderLosesEveryMessageToAWriteErrorAndSaysSo) {
+  TempDir dir;
+  ScopedMount read_only = ScopedMount::ReadOnly(dir.path());
+  testing::internal::CaptureStderr();
+  BagRecord record("node", dir.path() + "/", 0);
+  record.Start();
+  for (int i = 0; i < 50; ++i) record.AppendMessage(i, "/t", "demo.T", "payload");
+  ASSERT_TRUE(record.Drain(60000));
+  record.Stop();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Read-only file system"));
+  EXPECT_EQ(50u, record.GetLosses().total(BagLossReason::kWriteError));
+  EXPECT_THAT(dir.List(), ElementsAre());
+}
+
+// A writer made slow on purpose: the save thread waits for the disk while a topic never
+// seen before arrives, and intake must not wait with it.
+TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
+  TempDir dir;
+  const BagWriterOptions defaults = DefaultBagWriterOptions();
+  BagWriterOptions slow = defaults;
+  slow.compression = BagCompression::kNone;
+  slow.chunk_size = 16 * 1024;
+  slow.max_queued_bytes = 32 * 1024;
+  slow.max_write_bytes_per_second = 100 * 1024;
+  SetDefaultBagWriterOptions(slow);
+  BagRecord record("node", dir.path() + "/", 0);
+  SetDefaultBagWriterOptions(defaults);
+  record.Start();
+  constexpr int kMessages = 800;  // 800 KB: eight seconds of this disk
+  for (int i = 0; i < kMessages; ++i) record.AppendMessage(i, "/a", "demo.A", Noise(1000, i));
+  std::string file;
+  for (int i = 0; i < 10000 && file.empty(); ++i) {
+    usleep(1000);
+    file = record.GetRecordMonitor()->current_file();
+  }
+  record.AppendMessage(kMessages, "/brand/new", "demo.New", "b");
+  // Taken while the disk is still far behind, not once it caught up.
+  struct stat st;
+  ASSERT_EQ(0, ::stat(file.c_str(), &st));
+  EXPECT_LT(st.st_size, kMessages * 1000 / 2);
+  EXPECT_EQ(1, record.GetRecordMonitor()->topic_info(1).message_count());
+  record.Stop();
+  record.DiscardQueued();
+  ExpectEveryMessageAccountedFor(dir, record, kMessages + 1);
+}
+
+TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
+  TempDir dir;
+  ReportLog log;
+  std::atomic<BagRecord*> target{nullptr};
+  std::atomic<int> splits{0}, rounds{0};
+  BagRecord record("node", dir.path() + "/", 1);
+  testing::internal::CaptureStdout();
+  // On the save thread: the first split stops and takes it back, the second stops for good,
+  // and the save thread's goodbye then starts it again.
+  record.output()->set_output_string_func([&](const std::string& text) {
+    BagRecord* r = target.load();
+    if (r == nullptr) return;
+    if (text.rfind("split bag: ", 0) == 0) {
+      r->Stop();
+      if (++splits == 1) r->Start();
+    } else if (text == "save thread exit" && splits == 2 && ++rounds == 1) {
+      r->Start();
+    }
+  });
+  target = &record;
+  record.Start();
+  for (long t = 0; t < 3; ++t) record.AppendMessage(1000 + t * 1500, "/t", "demo.T", std::to_string(t));
+  while (rounds == 0) usleep(1000);
+  record.AppendMessage(9000, "/t", "demo.T", "after the second round began");
+  ASSERT_TRUE(record.Drain(60000));
+  target = nullptr;
+  record.Stop();
+  EXPECT_EQ(4u, ReadDirectory(dir).size());
+
+  // On a thread that appends: the line about a dropped message stops the recorder while the
+  // save thread still has to take the queue.
+  log.HoldOn("save thread running");
+  record.output()->set_output_string_func([&](const std::string& text) {
+    log.sink()(text);
+    if (text.rfind(kDropLine, 0) == 0) record.Stop();
+  });
+  record.Start();
+  log.WaitUntilHeld();
+  std::thread appender([&] {
+    for (int i = 0; i < 1010; ++i) record.AppendMessage(30000 + i, "/t", "demo.T", "x");
+  });
+  while (log.CountPrefix(kDropLine) == 0) usleep(1000);
+  log.Release();
+  appender.join();
+  EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
+  testing::internal::GetCapturedStdout();
 }
 
 }  // namespace

@@ -201,21 +201,27 @@ TEST(BagRecordTriggerTest, TriggerFromAnotherProcessSavesTheWindow) {
   EXPECT_THAT(printed, testing::ContainsRegex("save time: [0-9]+ms\n"));
 }
 
-TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFile) {
+// The budget deletes the recorder's own oldest bags, saying so, and nothing of anyone else.
+TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBagsOnly) {
   TempDir dir;
-  // Three old completed bags of 600 KB each, against a budget of 1 MB.
-  WriteFileAged(dir.file("old_1.kelobag"), 600000, 300);
-  WriteFileAged(dir.file("old_2.kelobag"), 600000, 200);
-  WriteFileAged(dir.file("old_3.kelobag"), 600000, 100);
-  WriteFileAged(dir.file("older.kelobag.active"), 600000, 1000);
-  WriteFileAged(dir.file("notes.txt"), 600000, 1000);
+  // Three old bags of this recorder, 600 KB each, against a budget of 1 MB, and files
+  // that are not its own, older still.
+  WriteFileAged(dir.file("drive_20200101000001_a.kelobag"), 600000, 300);
+  WriteFileAged(dir.file("drive_20200101000002.kelobag"), 600000, 200);
+  WriteFileAged(dir.file("drive_20200101000003-1.kelobag"), 600000, 100);
+  for (const char* foreign : {"old_1.kelobag", "drive_2020.kelobag", "drive_20200101000004.kelobag.active",
+                              "bag_20200101000004_0.kelobag", "notes.txt"}) {
+    WriteFileAged(dir.file(foreign), 600000, 1000);
+  }
   BagRecordOpt opt;
   Load(&opt, dir.file("drive"), {"--reserve", "5", "--duration", "5", "--fs", "1"});
   Saved saved;
+  std::vector<std::string> reports;
   testing::internal::CaptureStdout();
   {
     BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
     writer.set_on_save(saved.sink());
+    writer.set_on_report([&](const std::string& line) { reports.push_back(line); });
     long now = NowMs();
     for (long t = now - 4000; t < now; t += 100) writer.save_message(At(t));
     TriggerSender sender;
@@ -223,13 +229,13 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFile) {
     ASSERT_EQ(saved.size(), 1u);
   }
   testing::internal::GetCapturedStdout();
+  EXPECT_THAT(reports, ElementsAre("deleted " + dir.file("drive_20200101000001_a.kelobag") +
+                                       " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget",
+                                   "deleted " + dir.file("drive_20200101000002.kelobag") +
+                                       " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget"));
   std::vector<std::string> names = dir.List();
-  // The two oldest bags went; the active file and the other file were never touched.
-  EXPECT_EQ(std::count(names.begin(), names.end(), "old_1.kelobag"), 0);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "old_2.kelobag"), 0);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "old_3.kelobag"), 1);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "older.kelobag.active"), 1);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "notes.txt"), 1);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "drive_20200101000003-1.kelobag"), 1);
+  EXPECT_EQ(names.size(), 1u + 5u + 1u) << "the newest own bag, the others' files and the new bag";
 }
 
 TEST(BagRecordTriggerTest, QuickTriggersGiveTwoFilesAndAnEmptyCacheGivesNone) {

@@ -45,6 +45,12 @@ TEST(MessageInfoQueueTest, SpansUpToTheThresholdGiveNoRate) {
   EXPECT_EQ(stepped_back.freq(), 0.0);
   EXPECT_EQ(stepped_back.pre_bytes(), 0.0);
 
+  Queue threshold;  // a span of exactly the threshold gives no rate either
+  threshold.append({0.0, 100});
+  threshold.append({0.00001, 100});
+  EXPECT_EQ(threshold.freq(), 0.0);
+  EXPECT_EQ(threshold.pre_bytes(), 0.0);
+
   Queue one_millisecond;
   one_millisecond.append({10.000, 100});
   one_millisecond.append({10.001, 100});
@@ -64,6 +70,27 @@ TEST(MessageInfoQueueTest, HistoryKeepsTheNewest5000WhileTotalsCountAll) {
   for (int i = 5001; i <= 20000; ++i) queue.append({i * 0.01, 20});
   EXPECT_NEAR(queue.freq(), 4999 / 49.99, 1e-6) << "the history is bounded by count, not age";
   EXPECT_NEAR(queue.pre_bytes(), 4999 * 20 / 49.99, 1e-6);
+}
+
+TEST(MessageInfoQueueTest, TheRateNowFallsToZeroOnceAStreamGoesSilent) {
+  Queue fast, slow;
+  for (int i = 0; i <= 10; ++i) fast.append({100.0 + i * 0.1, 50});  // 10 Hz, last at 101.0
+  for (int i = 0; i <= 4; ++i) slow.append({100.0 + i * 5.0, 50});   // 0.2 Hz, last at 120.0
+  const struct {
+    const Queue* queue;
+    double now;
+    bool silent;
+  } cases[] = {{&fast, 101.5, false}, {&fast, 102.9, false}, {&fast, 103.1, true},
+               {&slow, 123.0, false}, {&slow, 129.9, false}, {&slow, 130.1, true}};
+  for (const auto& c : cases) {
+    tools::interactive::BagRecordMessageInfo info;
+    FillMonitorRates(*c.queue, c.now, &info);
+    EXPECT_DOUBLE_EQ(c.queue->freq(), info.freq()) << c.now;
+    EXPECT_DOUBLE_EQ(c.queue->pre_bytes(), info.pre_bytes());
+    EXPECT_EQ(c.queue->total_bytes(), info.total_bytes());
+    EXPECT_DOUBLE_EQ(c.silent ? 0.0 : c.queue->freq(), info.current_freq()) << c.now;
+    EXPECT_DOUBLE_EQ(c.silent ? 0.0 : c.queue->pre_bytes(), info.current_bytes()) << c.now;
+  }
 }
 
 }  // namespace

@@ -13,6 +13,20 @@
 namespace kelo {
 namespace testing_support {
 
+// The names in the directory `path`, sorted; none when it cannot be read.
+inline std::vector<std::string> ListDir(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(path.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 // A fresh directory for one test, removed with everything in it afterwards.
 class TempDir {
  public:
@@ -32,18 +46,7 @@ class TempDir {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
   // The names in the directory, sorted.
-  std::vector<std::string> List() const {
-    std::vector<std::string> names;
-    if (DIR* dir = opendir(path_.c_str())) {
-      while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-      }
-      closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> List() const { return ListDir(path_); }
 
  private:
   std::string path_;

@@ -13,6 +13,7 @@
 #include <json/value.h>
 
 #include "platform/bag/bag_writer.h"
+#include "platform/bag/mcap_records.h"
 #include "platform/fileio/file_path.h"
 #include "tests/support/temp_dir.h"
 #include "tests/tools/subprocess.h"
@@ -58,11 +59,13 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
   TempDir dir;
   const Outcome tool = KeloBag(dir, {"--help"});
   EXPECT_EQ(0, tool.code);
+  EXPECT_NE(std::string::npos, tool.out.find("\nexit codes:\n  0  all went well\n")) << tool.out;
   for (const char* command : {"record", "play", "info", "monitor", "trigger", "demo"}) {
     EXPECT_NE(std::string::npos, tool.out.find(std::string("  ") + command + " ")) << command;
     const Outcome help = KeloBag(dir, {command, "--help"});
     EXPECT_EQ(0, help.code) << command;
     EXPECT_NE(std::string::npos, help.out.find(std::string("Usage: ") + command)) << help.out;
+    EXPECT_NE(std::string::npos, help.out.find("  3  damaged input was read as far as it could be")) << help.out;
     EXPECT_EQ("", help.err) << command;
   }
 }
@@ -79,6 +82,9 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"record", "-a", "--no-such-option"},
       {"record", "-a", "--interface", "no_such_if0"},
       {"record", "-a", "--url", "nosuch://"},
+      {"record", "-a", "--trigger", "--reserve", "-5"},
+      {"record", "-a", "--trigger", "--cache", "-1"},
+      {"record", "-a", "--reserve", "5"},
       {"play"},
       {"play", "--start", "-1", "a.kelobag"},
       {"play", "--duration", "x", "a.kelobag"},
@@ -107,7 +113,7 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   const std::string second = WriteBag(dir, "second", 3000, 1);
   std::ofstream(dir.file("junk.kelobag")) << "junk";
   const Outcome text = KeloBag(dir, {"info", first, dir.file("junk.kelobag"), second});
-  EXPECT_EQ(1, text.code);
+  EXPECT_EQ(2, text.code) << "a file that is no bag is input that cannot be used";
   EXPECT_EQ(1u, Lines(text.err)) << text.err;
   EXPECT_EQ(0u, text.err.find("info: " + dir.file("junk.kelobag") + ": ")) << text.err;
   for (const std::string& want :
@@ -140,20 +146,44 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   EXPECT_EQ(8u, root["merged"]["topics"][1]["messages"].asUInt64());
 }
 
-TEST(KeloBagCliTest, InfoTellsWhatWasRecoveredFromAnUnfinishedBag) {
+// Damage is named with what could not be read, and makes info and play exit with 3; a file
+// that is only unfinished, with nothing left unread, is no damage.
+TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3) {
   TempDir dir;
   BagWriterOptions options;
   options.chunk_size = 200;
-  BagWriter writer(fileio::FilePath(dir.file("cut.kelobag.active")), options);
-  writer.open("");
-  for (long t = 0; t < 100; ++t) writer.append_message(1700000000000 + t, 0, "/a", std::string(50, 'x'), "T");
-  const std::string bytes = ReadWholeFile(writer.close());
-  const std::string cut = dir.file("unfinished.kelobag.active");
+  options.compression = BagCompression::kNone;
+  BagWriter writer(fileio::FilePath(dir.file("whole.kelobag.active")), options);
+  writer.losses()->Add("/a", BagLossReason::kQueueFull, 3);
+  writer.losses()->Add("/b", BagLossReason::kDiskFull, 2);
+  for (long t = 0; t < 100; ++t) writer.append_message(1700000000000 + t * 10, 0, "/a", std::string(50, 'x'), "T");
+  const std::string whole = writer.close();
+  std::string bytes = ReadWholeFile(whole);
+  const std::string damaged = dir.file("damaged.kelobag"), cut = dir.file("cut.kelobag.active");
+  const std::string header_only = dir.file("header_only.kelobag.active");
   std::ofstream(cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size() / 2));
-  const Outcome run = KeloBag(dir, {"info", "--json", cut});
-  ASSERT_EQ(0, run.code) << run.err;
-  EXPECT_NE(std::string::npos, run.out.find("\"recovered\" : true")) << run.out;
-  EXPECT_NE(std::string::npos, run.out.find("recovered unfinished bag: kept ")) << run.out;
+  // The magic and the header record: a recording that has not written a chunk yet.
+  const uint64_t header_end = 8 + mcap::kPrefixSize + mcap::LoadU64(bytes.data() + 9);
+  std::ofstream(header_only, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end));
+  bytes[bytes.size() / 3] ^= 0x40;  // inside a chunk
+  std::ofstream(damaged, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+
+  const Outcome clean = KeloBag(dir, {"info", whole, header_only});
+  EXPECT_EQ(0, clean.code) << clean.err;
+  EXPECT_NE(std::string::npos, clean.out.find("lost:        5 (3 queue full, 2 disk full)\n")) << clean.out;
+  const Outcome info = KeloBag(dir, {"info", damaged, cut});
+  EXPECT_EQ(3, info.code);
+  EXPECT_NE(std::string::npos, info.err.find("info: " + damaged + ": 1 chunk (")) << info.err;
+  EXPECT_NE(std::string::npos, info.err.find("info: " + cut + ": ")) << info.err;
+  EXPECT_NE(std::string::npos, info.out.find("unreadable:  1 chunk (")) << info.out;
+  const Outcome json = KeloBag(dir, {"info", "--json", damaged});
+  EXPECT_NE(std::string::npos, json.out.find("\"lost\" : 5")) << json.out;
+  EXPECT_NE(std::string::npos, json.out.find("\"chunks\" : 1")) << json.out;
+
+  const Outcome play = KeloBag(dir, {"play", damaged});
+  EXPECT_EQ(3, play.code);
+  EXPECT_NE(std::string::npos, play.err.find("play: " + damaged + ": recovered damaged bag: kept ")) << play.err;
+  EXPECT_NE(std::string::npos, play.err.find("1 chunk (")) << play.err;
 }
 
 TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
@@ -162,7 +192,7 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   const auto started = std::chrono::steady_clock::now();
   const Outcome run = KeloBag(dir, {"play", bag, dir.file("missing.kelobag")});
   const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  EXPECT_EQ(1, run.code);  // one file could not be played
+  EXPECT_EQ(2, run.code);  // one file could not be used at all
   EXPECT_EQ(1u, Lines(run.err)) << run.err;
   EXPECT_NE(std::string::npos, run.err.find(dir.file("missing.kelobag"))) << run.err;
   EXPECT_NE(std::string::npos, run.out.find("played 14 messages")) << run.out;
@@ -172,7 +202,7 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   EXPECT_GE(took, 1.0);  // the bag lasts a second
 
   const Outcome nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
-  EXPECT_EQ(1, nothing.code);
+  EXPECT_EQ(2, nothing.code);
   EXPECT_NE(std::string::npos, nothing.err.find("nothing to play")) << nothing.err;
 }
 

@@ -13,9 +13,10 @@ fi
 rm -rf "$work" "$work.log"
 "$tool" demo "$work" > "$work.log"
 grep -q "^demo done: " "$work.log"
-# "published N messages; the recorder took N (...) and dropped D"
-took=$(sed -n 's/^published [0-9]* messages; the recorder took \([0-9]*\) .* and dropped \([0-9]*\)$/\1 \2/p' "$work.log")
-[ -n "$took" ] || { echo "the demo did not say what it recorded" >&2; exit 1; }
-read -r taken dropped <<< "$took"
+# "the recorder received N messages (...), none lost" or "...; D of them lost: ..."
+taken=$(sed -n 's/^the recorder received \([0-9]*\) messages.*/\1/p' "$work.log")
+[ -n "$taken" ] || { echo "the demo did not say what it recorded" >&2; exit 1; }
+dropped=$(sed -n 's/^the recorder received .*; \([0-9]*\) of them lost.*/\1/p' "$work.log")
+dropped=${dropped:-0}
 "$tool" info --json "$work"/*.kelobag > "$work/info.json"
 node "$here/check_demo_bags.mjs" "$work" "$work/info.json" "$((taken - dropped))"

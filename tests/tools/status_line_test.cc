@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "record/bag_record.h"
 #include "tools/kelo_bag/monitor_view.h"
 
 namespace kelo {
@@ -23,7 +24,10 @@ std::string Written(FILE* file) {
 tools::interactive::BagRecordMonitor Snapshot() {
   tools::interactive::BagRecordMonitor m;
   m.set_node_name("car7");
-  m.set_file_name("rec/bag_20240305140709_2.kelobag.active");
+  m.set_file_name("rec/bag_20240305140709.kelobag.active");
+  m.set_current_file("rec/bag_20240305140709_2.kelobag.active");
+  m.set_mode("continuous");
+  m.set_problems("disk full: cannot write rec/bag_20240305140709_2.kelobag.active: No space left on device");
   m.set_record_time(75.5);
   m.set_queue_size(3);
   m.set_drop_count(2);
@@ -42,20 +46,29 @@ tools::interactive::BagRecordMonitor Snapshot() {
     topic->mutable_message_info()->set_freq(t.freq);
     topic->mutable_message_info()->set_pre_bytes(t.freq * 100);
     topic->mutable_message_info()->set_total_bytes(static_cast<uint64_t>(t.count) * 100);
+    // /camera went silent: its rate now is 0, whatever its history says.
+    topic->mutable_message_info()->set_current_freq(t.count == 300 ? 0.0 : t.freq);
+    topic->mutable_message_info()->set_current_bytes(t.count == 300 ? 0.0 : t.freq * 100);
   }
+  BagLosses losses;
+  losses.Add("/imu", BagLossReason::kQueueFull, 2);
+  losses.Add("/imu", BagLossReason::kDiskFull, 5);
+  FillMonitorLosses(losses, &m);
   return m;
 }
 
 TEST(StatusLineTest, TellsTimeMessagesSizeDropsAndRates) {
   const RecordStatus status = StatusOf(Snapshot());
   EXPECT_EQ(2300u, status.messages);
-  EXPECT_EQ("recording 01:15  2300 msgs  250 MB  2 drops  (230.0 msg/s, 3.00 MB/s, queue 3)",
+  EXPECT_EQ("recording 01:15  2300 msgs  250 MB  7 lost  (230.0 msg/s, 3.00 MB/s, queue 3)  ! disk full",
             FormatRecordStatus(status));
-  RecordStatus one;
-  one.drops = 1;
-  one.seconds = 3725;
-  EXPECT_EQ("caching 1:02:05  0 msgs  0 B  1 drop  (0.0 msg/s, 0 B/s, queue 0)",
-            FormatRecordStatus(one, "caching"));
+  EXPECT_EQ(7u, LossesOf(Snapshot()).total());
+  // From a recorder that counts no losses, the drops are what it lost.
+  tools::interactive::BagRecordMonitor old;
+  old.set_drop_count(4);
+  old.set_record_time(3725);
+  EXPECT_EQ("caching 1:02:05  0 msgs  0 B  4 lost  (0.0 msg/s, 0 B/s, queue 0)",
+            FormatRecordStatus(StatusOf(old), "caching"));
 }
 
 TEST(StatusLineTest, PrintsALineEachTimeWhenNotOnATerminal) {
@@ -101,13 +114,14 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   reply.port = 40001;
   reply.monitor = Snapshot();
   const std::string table = FormatMonitorTable({reply});
-  for (const char* text : {"car7 at 127.0.0.1:40001", "file rec/bag_20240305140709_2.kelobag.active",
-                           "recording 01:15  queue 3  drops 2", "total 2300 msgs 250 MB"}) {
+  for (const char* text : {"car7 at 127.0.0.1:40001 (continuous)\n", "file rec/bag_20240305140709_2.kelobag.active\n",
+                           "recording 01:15  queue 3  lost 7", "total 2300 msgs 250 MB",
+                           "  lost: 5 disk full, 2 queue full\n", "  ! disk full: cannot write"}) {
     EXPECT_NE(std::string::npos, table.find(text)) << text << "\n" << table;
   }
-  EXPECT_NE(std::string::npos, table.find("  /camera      30.0    2.93 KB/s        300    29.3 KB\n"))
+  EXPECT_NE(std::string::npos, table.find("  /camera       0.0        0 B/s        300    29.3 KB        0\n"))
       << table;
-  EXPECT_NE(std::string::npos, table.find("  /imu        200.0    19.5 KB/s       2000     195 KB\n"))
+  EXPECT_NE(std::string::npos, table.find("  /imu        200.0    19.5 KB/s       2000     195 KB        7\n"))
       << table;
   EXPECT_EQ("no recorder answered\n", FormatMonitorTable({}));
 
@@ -118,6 +132,11 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   EXPECT_EQ(40001, r["port"].asInt());
   EXPECT_EQ(2300u, r["messages"].asUInt64());
   EXPECT_EQ(2, r["drops"].asInt());
+  EXPECT_EQ(7u, r["lost"].asUInt64());
+  EXPECT_EQ("rec/bag_20240305140709_2.kelobag.active", r["current_file"].asString());
+  ASSERT_EQ(2u, r["losses"].size());
+  EXPECT_EQ("disk_full", r["losses"][1]["reason"].asString());
+  EXPECT_EQ(5u, r["losses"][1]["count"].asUInt64());
   EXPECT_DOUBLE_EQ(75.5, r["record_time_s"].asDouble());
   ASSERT_EQ(2u, r["topics"].size());
   EXPECT_EQ("/imu", r["topics"][1]["topic"].asString());

@@ -22,10 +22,16 @@ kelo_add_tool_test(command_options_test local tools/command_options_test.cc)
 kelo_add_tool_test(status_line_test local tools/status_line_test.cc)
 kelo_add_tool_test(play_control_test local tools/play_control_test.cc)
 
-# The command: without a bus; with a live LCM bus, monitors and triggers; keys in tmux.
+# A live publisher, for the tests that run the command against real traffic.
+add_executable(lcm_publish tools/lcm_publish.cc)
+target_link_libraries(lcm_publish PRIVATE kelo_bag_tool)
+target_include_directories(lcm_publish PRIVATE ${PROJECT_SOURCE_DIR})
+
+# The command: without a bus; with a live LCM bus, monitors and triggers.
 kelo_add_tool_test(kelo_bag_cli_test local tools/kelo_bag_cli_test.cc)
 kelo_add_tool_test(kelo_bag_live_test netns tools/kelo_bag_live_test.cc)
-kelo_add_tool_test(kelo_bag_keys_test netns tools/kelo_bag_keys_test.cc)
+target_compile_definitions(kelo_bag_live_test PRIVATE KELO_LCM_PUBLISH="$<TARGET_FILE:lcm_publish>")
+add_dependencies(kelo_bag_live_test lcm_publish)
 
 # The demo, run as a user runs it, and its bags read by an independent MCAP reader. In a
 # private network namespace, so that its monitor query meets no other recorder.

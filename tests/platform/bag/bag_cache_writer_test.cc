@@ -107,15 +107,21 @@ TEST(BagCacheWriterTest, TheWindowRuleHoldsForEveryReserveDurationAndTriggerTime
   }
 }
 
-TEST(BagCacheWriterTest, TheCacheKeepsTheNewestMessagesThatFitItsSize) {
+TEST(BagCacheWriterTest, KeepsTheNewestMessagesThatFitAndCountsWhatAWindowMisses) {
   for (long fit = 0; fit <= 9; ++fit) {
     TempDir dir;
     // Room for `fit` messages, and a little more that holds no whole message.
     BagCacheWriter writer(fileio::FilePath(dir.file("c.kelobag.active")), 10, 20, fit * kCost + kCost / 2);
-    for (long i = 0; i < 8; ++i)
-      writer.append_message(kTrigger + i, kTrigger, "/a", std::string(100, 'a' + i), "T");
+    for (long i = 0; i < 8; ++i) {
+      writer.append_message(kTrigger + i, kTrigger, i % 2 ? "/a" : "/b", std::string(100, 'a' + i), "T");
+    }
+    // Too large for the whole cache: not kept, displaces nothing, counted when a window wants it.
+    writer.append_message(kTrigger + 8, kTrigger, "/a", std::string(fit * kCost + kCost, 'z'), "T");
     const std::string file = writer.save_file(Notice(kTrigger, ""));
     const long kept = std::min(fit, 8L);
+    const BagLosses lost = writer.losses()->Total();
+    EXPECT_EQ(static_cast<uint64_t>(9 - kept), lost.total(BagLossReason::kWindowCut)) << "room for " << fit;
+    EXPECT_EQ(lost.total(), lost.total(BagLossReason::kWindowCut));
     if (kept == 0) {
       EXPECT_EQ(file, "");
       EXPECT_TRUE(dir.List().empty());
@@ -124,17 +130,10 @@ TEST(BagCacheWriterTest, TheCacheKeepsTheNewestMessagesThatFitItsSize) {
     std::vector<long> expected;
     for (long i = 8 - kept; i < 8; ++i) expected.push_back(kTrigger + i);
     EXPECT_EQ(Times(ReadAll(file)), expected) << "room for " << fit;
+    // A window that lies after what was dropped misses nothing.
+    writer.save_file(Notice(kTrigger + 10 + 10000, "later"));
+    EXPECT_EQ(lost.total(), writer.losses()->Total().total());
   }
-}
-
-TEST(BagCacheWriterTest, AMessageLargerThanTheWholeCacheIsNotKeptAndDisplacesNothing) {
-  TempDir dir;
-  BagCacheWriter writer(fileio::FilePath(dir.file("c.kelobag.active")), 10, 20, 3 * kCost);
-  writer.append_message(kTrigger, kTrigger, "/a", std::string(100, 'a'), "T");
-  writer.append_message(kTrigger + 1, kTrigger, "/a", std::string(3 * kCost, 'b'), "T");
-  writer.append_message(kTrigger + 2, kTrigger, "/a", std::string(100, 'c'), "T");
-  EXPECT_EQ(Times(ReadAll(writer.save_file(Notice(kTrigger, "big")))),
-            (std::vector<long>{kTrigger, kTrigger + 2}));
 }
 
 TEST(BagCacheWriterTest, WritesNoFileWithoutAMessageInTheWindowOrAValidNotice) {
@@ -160,6 +159,7 @@ TEST(BagCacheWriterTest, WritesNoFileWithoutAMessageInTheWindowOrAValidNotice) {
   BagCacheWriter keeps_nothing(fileio::FilePath(none.file("z.kelobag.active")), 1, 1, 0);
   keeps_nothing.append_message(kTrigger, kTrigger, "/a", "x", "T");
   EXPECT_EQ(keeps_nothing.save_file(Notice(kTrigger, "")), "");
+  EXPECT_EQ(1u, keeps_nothing.losses()->Total().total(BagLossReason::kWindowCut));
   EXPECT_TRUE(none.List().empty());
 }
 
@@ -223,6 +223,20 @@ TEST(BagCacheWriterTest, SavesWhileMessagesKeepArrivingOnAnotherThread) {
     }
     trigger += 50;
   }
+}
+
+TEST(BagCacheWriterTest, TakesForItsOwnOnlyTheNamesItGivesItsFiles) {
+  BagCacheWriter writer(fileio::FilePath("/rec/drive1.kelobag.active"), 1, 1, 1 << 20);
+  const std::pair<const char*, bool> names[] = {
+      {"drive1_20240305140709.kelobag", true},       {"drive1_20240305140709_brake-1.x.kelobag", true},
+      {"drive1_20240305140709-3.kelobag", true},     {"drive1_20240305140709_lbl-12.kelobag", true},
+      {"drive1_2024030514070.kelobag", false},       {"drive1_20240305140709.kelobag.active", false},
+      {"drive1_2024030514070x.kelobag", false},      {"drive2_20240305140709.kelobag", false},
+      {"drive1_20240305140709_a b.kelobag", false},  {"drive1_20240305140709-x.kelobag", false},
+      {"drive1_20240305140709_.kelobag", false},     {"xdrive1_20240305140709.kelobag", false},
+      {"bag_20240305140709_0.kelobag", false},       {"drive1_20240305140709.mcap", false},
+  };
+  for (const auto& [name, ours] : names) EXPECT_EQ(ours, writer.IsSavedName(name)) << name;
 }
 
 }  // namespace

@@ -7,7 +7,7 @@ kelo_add_test(bag_reader_test platform/bag/bag_reader_test.cc)
 kelo_add_test(mcap_conformance_test platform/bag/mcap_conformance_test.cc)
 target_compile_definitions(mcap_conformance_test PRIVATE
   KELO_MCAP_CONFORMANCE_DIR="${KELO_MCAP_CONFORMANCE_DIR}")
-kelo_add_test(bag_writer_test platform/bag/bag_writer_test.cc)
+kelo_add_netns_test(bag_writer_test platform/bag/bag_writer_test.cc)
 target_compile_definitions(bag_writer_test PRIVATE KELO_BAG_AA_VERSION="${PROJECT_VERSION}")
 
 # The independent MCAP implementation (npm @mcap/core) reads our bags, and our reader

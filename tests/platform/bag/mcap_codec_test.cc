@@ -8,7 +8,7 @@
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_crc32.h"
 #include "platform/bag/mcap_records.h"
-#include "tests/platform/bag/bag_test_util.h"
+#include "tests/support/bag_files.h"
 
 namespace kelo {
 namespace mcap {
@@ -42,8 +42,17 @@ TEST(McapCodecTest, EncodesTheSmallestValidFileByteForByte) {
 }
 
 TEST(McapCodecTest, ParsersRejectEveryTruncationAndIgnoreAppendedFields) {
-  std::string channel, chunk_index, stats;
+  std::string channel, chunk_index, stats, metadata;
   AppendChannel(&channel, {7, 3, "/topic", "kelo", {{"key", "value"}, {"k2", ""}}});
+  AppendMetadata(&metadata, {"kelo_losses", {{"/a", "queue_full=3"}}});
+  for (size_t cut = 0; cut < metadata.size() - kPrefixSize; ++cut) {
+    Metadata m;
+    EXPECT_FALSE(ParseMetadata(metadata.data() + kPrefixSize, cut, &m)) << cut;
+  }
+  Metadata m;
+  ASSERT_TRUE(ParseMetadata(metadata.data() + kPrefixSize, metadata.size() - kPrefixSize, &m));
+  EXPECT_EQ("kelo_losses", m.name);
+  EXPECT_EQ((KeyValues{{"/a", "queue_full=3"}}), m.metadata);
   ChunkIndex ci;
   ci.message_index_offsets = {{1, 100}, {2, 200}};
   ci.compression = "zstd";
@@ -78,7 +87,7 @@ TEST(McapCodecTest, ParsersRejectEveryTruncationAndIgnoreAppendedFields) {
 }
 
 TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
-  const std::string records = testing_util::Payload(200000, 3);
+  const std::string records = testing_support::Noise(100000, 3) + std::string(100000, 'r');
   ChunkDecompressor decompressor;
   for (BagCompression c : {BagCompression::kZstd, BagCompression::kLz4, BagCompression::kNone}) {
     SCOPED_TRACE(CompressionName(c));
