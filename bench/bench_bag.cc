@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/bag/bag_reader.h"
@@ -204,6 +205,32 @@ void BM_ReadAll(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(messages));
 }
 
+// Light traffic, paced: 100 B messages at range(0) per second for 5 s, chunks closed after
+// range(1) ms. Reports the file's size per payload byte: the price of losing at most that
+// long when the recorder is killed.
+void BM_LightTraffic(benchmark::State& state) {
+  const long rate = state.range(0);
+  kelo::BagWriterOptions options;
+  options.chunk_duration_ms = state.range(1);
+  const std::string path = g_dir + "/bench_light.kelobag";
+  const std::string payload = Payload(100, 7);
+  const long count = rate * 5;
+  for (auto _ : state) {
+    ::unlink(path.c_str());
+    kelo::BagWriter writer(kelo::fileio::FilePath(path + ".active"), options);
+    const auto start = std::chrono::steady_clock::now();
+    for (long i = 0; i < count; ++i) {
+      std::this_thread::sleep_until(start + std::chrono::microseconds(i * 1000000 / rate));
+      writer.append_message(1700000000000 + i, 1700000000000 + i, "/light", payload, "bench.Light");
+    }
+    writer.close();
+  }
+  struct stat st;
+  ::stat(path.c_str(), &st);
+  state.counters["file_per_payload"] = static_cast<double>(st.st_size) / (count * payload.size());
+  ::unlink(path.c_str());
+}
+
 BENCHMARK(BM_PlainWrite)->Arg(100)->Arg(10 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond)
     ->Iterations(3)->UseRealTime();
 BENCHMARK(BM_BagWrite)
@@ -213,6 +240,8 @@ BENCHMARK(BM_AppendLatency)->ArgsProduct({{100, 1 << 20}, {0, 1, 2}})
     ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_OpenAndSeekMiddle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_ReadAll)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_LightTraffic)->ArgsProduct({{10, 100, 1000}, {100, 1000}})
+    ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 // Keeps every run's figures for the ratio table.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -260,6 +289,13 @@ class RatioReporter : public benchmark::ConsoleReporter {
         }
         std::printf("\n");
       }
+    }
+    std::printf("Light traffic, 100 B messages: file size per payload byte, chunks closed after 100 ms / 1 s:\n");
+    for (const char* rate : {"10", "100", "1000"}) {
+      const std::string base = "BM_LightTraffic/" + std::string(rate) + "/";
+      const double fast = Get(extra_, base + "100/iterations:1/real_time|file_per_payload");
+      const double slow = Get(extra_, base + "1000/iterations:1/real_time|file_per_payload");
+      std::printf("  %5s msg/s  %.2f / %.2f = %.2f\n", rate, fast, slow, slow > 0 ? fast / slow : 0.0);
     }
     std::printf("Large bag (%zu x 100 B):\n", kReadMessages);
     for (int c = 0; c < 2; ++c) {
