@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <memory>
 
 #include "record/bag_record.h"
 #include "tools/kelo_bag/format_units.h"
@@ -11,20 +12,21 @@
 namespace kelo {
 namespace cli {
 
-BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const void* data,
-                                         size_t size, long record_time_ms) {
+BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const std::string& type,
+                                         const void* data, size_t size, long record_time_ms) {
   BagRecordWriter::Message message;
   message.time = static_cast<long>(recv_utime / 1000);
   message.record_time = record_time_ms;
   message.topic = channel;
-  message.type = LcmMessageType(data, size);
+  message.type = type;
   message.data.assign(static_cast<const char*>(data), size);
   return message;
 }
 
 void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics) {
-  bus->Subscribe(topics, [record](const LcmBus::Message& m) {
-    record->AppendMessage(static_cast<long>(m.recv_utime / 1000), m.channel, LcmMessageType(m.data, m.size),
+  auto namer = std::make_shared<LcmTypeNamer>();  // handlers run on one thread
+  bus->Subscribe(topics, [record, namer](const LcmBus::Message& m) {
+    record->AppendMessage(static_cast<long>(m.recv_utime / 1000), m.channel, namer->TypeOf(m.channel, m.data, m.size),
                           std::string(static_cast<const char*>(m.data), m.size));
   });
 }

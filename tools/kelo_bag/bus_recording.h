@@ -28,11 +28,12 @@ class LcmBus;
 //   FinishRecording(&record, kDrainTimeoutMs);
 
 // The record of one LCM message, as the recorder files it: time = LCM's receive time in ms,
-// type = LcmMessageType of the payload. `record_time_ms` is when the tool took it.
-BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const void* data,
-                                         size_t size, long record_time_ms);
+// `type` as LcmTypeNamer names it. `record_time_ms` is when the tool took it.
+BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const std::string& type,
+                                         const void* data, size_t size, long record_time_ms);
 
-// Subscribes `record` to `topics` of `bus` (every channel when empty).
+// Subscribes `record` to `topics` of `bus` (every channel when empty), typing the messages
+// with an LcmTypeNamer.
 void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics);
 
 // Dispatches the bus's messages on this thread until `stop` returns true, calling

@@ -15,5 +15,22 @@ std::string LcmMessageType(const void* data, size_t size) {
   return type;
 }
 
+std::string LcmTypeNamer::TypeOf(const std::string& channel, const void* data, size_t size) {
+  if (size < 8) return kShortLcmMessageType;
+  Seen& seen = channels_[channel];
+  if (seen.raw) return kRawLcmMessageType;
+  std::string type = LcmMessageType(data, size);
+  for (const std::string& known : seen.types) {
+    if (known == type) return type;
+  }
+  if (seen.types.size() < kMaxFingerprints) {
+    seen.types.push_back(type);
+    return type;
+  }
+  seen.raw = true;
+  seen.types.clear();
+  return kRawLcmMessageType;
+}
+
 }  // namespace cli
 }  // namespace kelo

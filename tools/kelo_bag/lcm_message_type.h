@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace kelo {
 namespace cli {
@@ -14,6 +16,26 @@ namespace cli {
 std::string LcmMessageType(const void* data, size_t size);
 
 constexpr char kShortLcmMessageType[] = "lcm:short";
+constexpr char kRawLcmMessageType[] = "lcm:raw";
+
+// Types the messages of each channel, remembering what each channel carried. A channel
+// whose payloads began with more than kMaxFingerprints different fingerprints does not
+// carry lcm-gen messages (its first bytes are data, which change), and its messages are
+// filed under kRawLcmMessageType from then on: such a channel makes a handful of bag
+// channels, not one per message. One object per recording; not thread-safe.
+class LcmTypeNamer {
+ public:
+  static constexpr size_t kMaxFingerprints = 8;
+
+  std::string TypeOf(const std::string& channel, const void* data, size_t size);
+
+ private:
+  struct Seen {
+    bool raw = false;
+    std::vector<std::string> types;
+  };
+  std::unordered_map<std::string, Seen> channels_;
+};
 
 }  // namespace cli
 }  // namespace kelo

@@ -26,6 +26,7 @@
 #include "tools/kelo_bag/files.h"
 #include "tools/kelo_bag/format_units.h"
 #include "tools/kelo_bag/lcm_bus.h"
+#include "tools/kelo_bag/lcm_message_type.h"
 #include "tools/kelo_bag/record_tool_options.h"
 #include "tools/kelo_bag/status_line.h"
 #include "tools/kelo_bag/stop_signal.h"
@@ -144,9 +145,11 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   // The writer is fed on this thread; the statistics are read here and by monitor queries.
   CacheStatistics statistics;
   const long started_ms = WallClockMs();
+  LcmTypeNamer namer;
   bus->Subscribe(TopicList(opt), [&](const LcmBus::Message& m) {
     const long now_ms = WallClockMs();
-    writer.save_message(RecordedMessage(m.channel, m.recv_utime, m.data, m.size, now_ms));
+    writer.save_message(RecordedMessage(m.channel, m.recv_utime, namer.TypeOf(m.channel, m.data, m.size), m.data,
+                                        m.size, now_ms));
     statistics.Add(m.channel, now_ms, m.size);
   });
   RecordMonitorService::Registration monitor = RecordMonitorService::Register(
