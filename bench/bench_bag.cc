@@ -105,8 +105,7 @@ void BM_BagWrite(benchmark::State& state) {
   for (auto _ : state) {
     std::string name;
     {
-      kelo::BagWriter writer(kelo::fileio::FilePath(g_dir + "/bench_write.kelobag.active"),
-                             options);
+      kelo::BagWriter writer(kelo::fileio::FilePath(g_dir + "/bench_write.kelobag.active"), options);
       writer.open("");
       for (size_t i = 0; i < count; ++i) {
         const long t = 1700000000000L + static_cast<long>(i / 100);
@@ -163,15 +162,14 @@ std::string ReadBag(int compression) {
   if (it != made.end()) return it->second;
   kelo::BagWriterOptions options;
   options.compression = static_cast<kelo::BagCompression>(compression);
-  kelo::BagWriter writer(kelo::fileio::FilePath(g_dir + "/bench_read_" +
-                                                CompressionName(compression) + ".kelobag.active"),
-                         options);
+  kelo::BagWriter writer(
+      kelo::fileio::FilePath(g_dir + "/bench_read_" + CompressionName(compression) + ".kelobag.active"),
+      options);
   writer.open("");
   const std::vector<std::string> payloads = Payloads(100);
   for (size_t i = 0; i < kReadMessages; ++i) {
     const long t = 1700000000000L + static_cast<long>(i / 10);
-    writer.append_message(t, t, i % 4 ? "/bench/a" : "/bench/b", payloads[i % payloads.size()],
-                          "kelo.Bench");
+    writer.append_message(t, t, i % 4 ? "/bench/a" : "/bench/b", payloads[i % payloads.size()], "kelo.Bench");
   }
   return made[compression] = writer.close();
 }
@@ -231,17 +229,30 @@ void BM_LightTraffic(benchmark::State& state) {
   ::unlink(path.c_str());
 }
 
-BENCHMARK(BM_PlainWrite)->Arg(100)->Arg(10 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond)
-    ->Iterations(3)->UseRealTime();
+BENCHMARK(BM_PlainWrite)
+    ->Arg(100)
+    ->Arg(10 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->UseRealTime();
 BENCHMARK(BM_BagWrite)
     ->ArgsProduct({{100, 10 << 10, 1 << 20}, {0, 1, 2}})
-    ->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
-BENCHMARK(BM_AppendLatency)->ArgsProduct({{100, 1 << 20}, {0, 1, 2}})
-    ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->UseRealTime();
+BENCHMARK(BM_AppendLatency)
+    ->ArgsProduct({{100, 1 << 20}, {0, 1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->UseRealTime();
 BENCHMARK(BM_OpenAndSeekMiddle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_ReadAll)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_LightTraffic)->ArgsProduct({{10, 100, 1000}, {100, 1000}})
-    ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_LightTraffic)
+    ->ArgsProduct({{10, 100, 1000}, {100, 1000}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->UseRealTime();
 
 // Keeps every run's figures for the ratio table.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -268,19 +279,19 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (const char* size : sizes) {
       const double plain = Get(bytes_, "BM_PlainWrite/" + std::string(size) + "/iterations:3/real_time");
       for (int c = 0; c < 3; ++c) {
-        const std::string name = "BM_BagWrite/" + std::string(size) + "/" + std::to_string(c) +
-                                 "/iterations:3/real_time";
+        const std::string name =
+            "BM_BagWrite/" + std::string(size) + "/" + std::to_string(c) + "/iterations:3/real_time";
         std::printf("  %8s B %-5s  %5.2f   (%.2f M messages/s, file %.2f of payload)\n", size,
-                    CompressionName(c), plain > 0 ? Get(bytes_, name) / plain : 0.0,
-                    Get(items_, name) / 1e6, Get(extra_, name + "|file_per_payload"));
+                    CompressionName(c), plain > 0 ? Get(bytes_, name) / plain : 0.0, Get(items_, name) / 1e6,
+                    Get(extra_, name + "|file_per_payload"));
       }
     }
     std::printf("append_message latency, compressed / uncompressed (p99, p99.99, max):\n");
     for (const char* size : {"100", "1048576"}) {
       const std::string none = "BM_AppendLatency/" + std::string(size) + "/0/iterations:1/real_time";
       for (int c = 1; c < 3; ++c) {
-        const std::string name = "BM_AppendLatency/" + std::string(size) + "/" +
-                                 std::to_string(c) + "/iterations:1/real_time";
+        const std::string name =
+            "BM_AppendLatency/" + std::string(size) + "/" + std::to_string(c) + "/iterations:1/real_time";
         std::printf("  %8s B %-5s", size, CompressionName(c));
         for (const char* q : {"p99_us", "p9999_us", "max_us"}) {
           const double base = Get(extra_, none + "|" + q);
@@ -290,7 +301,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
         std::printf("\n");
       }
     }
-    std::printf("Light traffic, 100 B messages: file size per payload byte, chunks closed after 100 ms / 1 s:\n");
+    std::printf(
+        "Light traffic, 100 B messages: file size per payload byte, chunks closed after 100 ms / 1 s:\n");
     for (const char* rate : {"10", "100", "1000"}) {
       const std::string base = "BM_LightTraffic/" + std::string(rate) + "/";
       const double fast = Get(extra_, base + "100/iterations:1/real_time|file_per_payload");
@@ -301,11 +313,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (int c = 0; c < 2; ++c) {
       const std::string open = "BM_OpenAndSeekMiddle/" + std::to_string(c) + "/iterations:5";
       const std::string read = "BM_ReadAll/" + std::to_string(c) + "/iterations:3";
-      std::printf("  %-5s open+seek middle %.1f ms (/100 ms = %.2f), index %.1f B/message "
-                  "(/24 = %.2f), read %.2f M messages/s (/5 M = %.2f)\n",
-                  CompressionName(c), Get(ms_, open), Get(ms_, open) / 100.0,
-                  Get(index_, open), Get(index_, open) / 24.0, Get(items_, read) / 1e6,
-                  Get(items_, read) / 5e6);
+      std::printf(
+          "  %-5s open+seek middle %.1f ms (/100 ms = %.2f), index %.1f B/message "
+          "(/24 = %.2f), read %.2f M messages/s (/5 M = %.2f)\n",
+          CompressionName(c), Get(ms_, open), Get(ms_, open) / 100.0, Get(index_, open),
+          Get(index_, open) / 24.0, Get(items_, read) / 1e6, Get(items_, read) / 5e6);
     }
   }
 

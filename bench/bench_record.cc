@@ -110,7 +110,8 @@ void Latency() {
       }
       for (auto& worker : workers) worker.join();
       record.Stop();
-      if (quiet.drops) std::fprintf(stderr, "warning: %ld drops during the latency run\n", quiet.drops.load());
+      if (quiet.drops)
+        std::fprintf(stderr, "warning: %ld drops during the latency run\n", quiet.drops.load());
     }
     std::vector<double> all;
     for (auto& mine : samples) all.insert(all.end(), mine.begin(), mine.end());
@@ -190,7 +191,8 @@ void Intake() {
   struct Size {
     size_t bytes;
     std::vector<double> fixed_ladder;  // empty: a ladder relative to the writer alone
-  } sizes[] = {{100, {50000, 95000, 100000, 200000, 400000}}, {10 * 1024, {5000, 20000, 40000, 60000}}, {1 << 20, {}}};
+  } sizes[] = {
+      {100, {50000, 95000, 100000, 200000, 400000}}, {10 * 1024, {5000, 20000, 40000, 60000}}, {1 << 20, {}}};
   for (const Size& size : sizes) {
     if (g_only_bytes != 0 && size.bytes != g_only_bytes) continue;
     double alone = WriterAlone(size.bytes);
@@ -222,7 +224,8 @@ double FeedFlatOut(kelo::BagRecord* record, int topics, double seconds, std::ato
   double elapsed = 0;
   while ((elapsed = std::chrono::duration<double>(Clock::now() - start).count()) < seconds &&
          !(stop_early != nullptr && *stop_early)) {
-    for (int i = 0; i < 64; ++i, ++calls) record->AppendMessage(NowMs(), names[calls % topics], "bench.M", payload);
+    for (int i = 0; i < 64; ++i, ++calls)
+      record->AppendMessage(NowMs(), names[calls % topics], "bench.M", payload);
   }
   return calls / elapsed;
 }

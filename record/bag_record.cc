@@ -24,9 +24,7 @@ namespace {
 
 // The counters are 32-bit and wrap like the unsigned arithmetic underneath, never
 // overflowing into undefined behaviour.
-int32_t WrappingIncrement(int32_t value) {
-  return static_cast<int32_t>(static_cast<uint32_t>(value) + 1u);
-}
+int32_t WrappingIncrement(int32_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value) + 1u); }
 
 constexpr auto kIdleSleep = std::chrono::milliseconds(10);
 
@@ -229,7 +227,8 @@ void BagRecord::SaveMessage() {
       // Idle: one wake-up per 10 ms, or sooner when the queue fills up half way, so that a
       // burst (or a sleep made late by the scheduler) does not overflow it.
       std::unique_lock<std::mutex> wait(idle_mutex_);
-      idle_wake_.wait_for(wait, kIdleSleep, [this] { return !running_ || pending_count_.load() >= kWakeEarly; });
+      idle_wake_.wait_for(wait, kIdleSleep,
+                          [this] { return !running_ || pending_count_.load() >= kWakeEarly; });
       continue;
     }
     std::deque<BagRecordWriter::Message> batch;

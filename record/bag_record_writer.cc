@@ -115,14 +115,16 @@ BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePa
     // The budget is this recorder's: other files in the folder are not its to delete.
     space_manager_->set_filter([cache](const std::string& name) { return cache->IsSavedName(name); });
     const std::string budget = " to keep " + path.GetPath() + " within its " +
-                               std::to_string(static_cast<unsigned long>(opt.folder_size) >> 20) + " MB budget";
+                               std::to_string(static_cast<unsigned long>(opt.folder_size) >> 20) +
+                               " MB budget";
     space_manager_->set_on_delete([this, budget](const std::string& deleted, uint64_t size) {
       Report("deleted " + deleted + " (" + std::to_string(size) + " bytes)" + budget);
     });
   }
   trigger_api_ = new TriggerRecordNodeApi("bag_record", opt.node_name, path, delay);
   trigger_api_->SetNotifyCallback([this](const std::string& notice) {
-    if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
+    if (space_manager_ != nullptr)
+      space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
     trigger_api_->ReportSaved(notice, save(notice));
   });
 }

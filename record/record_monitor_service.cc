@@ -44,7 +44,8 @@ RecordMonitorService::Registration::Registration(Registration&& other) noexcept 
   other.id_ = 0;
 }
 
-RecordMonitorService::Registration& RecordMonitorService::Registration::operator=(Registration&& other) noexcept {
+RecordMonitorService::Registration& RecordMonitorService::Registration::operator=(
+    Registration&& other) noexcept {
   if (this != &other) {
     Unregister(id_);
     id_ = other.id_;
@@ -67,7 +68,8 @@ RecordMonitorService::Registration RecordMonitorService::Register(UdpCastServer*
   return Registration(id);
 }
 
-void RecordMonitorService::Answer(UdpCastServer* server, const std::string& peer, int port, UdpMessage& query) {
+void RecordMonitorService::Answer(UdpCastServer* server, const std::string& peer, int port,
+                                  UdpMessage& query) {
   std::lock_guard<std::mutex> lock(RegistryMutex());
   for (const auto& entry : Registry()) {
     if (entry.second.server != server) continue;

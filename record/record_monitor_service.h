@@ -17,7 +17,8 @@ class UdpMessage;
 // with that recording's snapshot. Recorders (BagRecord) register themselves; a tool that
 // records some other way (trigger mode) registers a snapshot of its own.
 //
-//   RecordMonitorService::Registration r = RecordMonitorService::Register(server, [&] { return Snapshot(); });
+//   RecordMonitorService::Registration r = RecordMonitorService::Register(server, [&] { return Snapshot();
+//   });
 //   ...                                  // answered until `r` is destroyed
 //
 // All members may be called from any thread.

@@ -89,7 +89,8 @@ void BagCacheWriter::append_message(long time, long record_time, const std::stri
 }
 
 void BagCacheWriter::NoteDroppedLocked(const Cached& message) {
-  if (!dropped_.empty() && dropped_.back().time == message.time && dropped_.back().channel == message.channel) {
+  if (!dropped_.empty() && dropped_.back().time == message.time &&
+      dropped_.back().channel == message.channel) {
     ++dropped_.back().count;
   } else {
     dropped_.push_back(Dropped{message.time, message.channel, 1});
@@ -140,7 +141,8 @@ bool BagCacheWriter::IsSavedName(const std::string& name) const {
   const BagFileName saved = BagFileName::ForPart(path().GetFullPath(), "");
   const std::string base = fileio::FilePath(saved.stem).GetName() + "_";
   constexpr size_t kDigits = 14;
-  if (name.size() < base.size() + kDigits + saved.extension.size() || name.compare(0, base.size(), base) != 0 ||
+  if (name.size() < base.size() + kDigits + saved.extension.size() ||
+      name.compare(0, base.size(), base) != 0 ||
       name.compare(name.size() - saved.extension.size(), saved.extension.size(), saved.extension) != 0) {
     return false;
   }
@@ -148,13 +150,16 @@ bool BagCacheWriter::IsSavedName(const std::string& name) const {
     if (name[i] < '0' || name[i] > '9') return false;
   }
   // What follows the time: nothing, "_<label>", "-<n>" or "_<label>-<n>".
-  const std::string rest = name.substr(base.size() + kDigits, name.size() - base.size() - kDigits - saved.extension.size());
+  const std::string rest =
+      name.substr(base.size() + kDigits, name.size() - base.size() - kDigits - saved.extension.size());
   if (rest.empty()) return true;
   if (rest.size() < 2 || (rest[0] != '_' && rest[0] != '-')) return false;
   for (size_t i = 1; i < rest.size(); ++i) {
     const char c = rest[i];
     const bool digit = c >= '0' && c <= '9';
-    if (rest[0] == '-' ? !digit : !(digit || std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.')) {
+    if (rest[0] == '-'
+            ? !digit
+            : !(digit || std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.')) {
       return false;
     }
   }

@@ -1,12 +1,12 @@
 #include "platform/bag/bag_file_writer.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "platform/bag/mcap_crc32.h"
 #include "platform/bag/mcap_summary.h"
@@ -229,12 +229,12 @@ void BagFileWriter::Run() {
       }
       failing_ = false;
       if (options_.max_write_bytes_per_second > 0) {
-        next_write_at_ = std::max(next_write_at_, Clock::now()) +
-                         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                             static_cast<double>(chunk.records.size()) / options_.max_write_bytes_per_second));
+        next_write_at_ =
+            std::max(next_write_at_, Clock::now()) +
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                static_cast<double>(chunk.records.size()) / options_.max_write_bytes_per_second));
       }
-      if (chunk.records.capacity() <= 2 * options_.chunk_size &&
-          spare_buffers_.size() < kSpareBuffers) {
+      if (chunk.records.capacity() <= 2 * options_.chunk_size && spare_buffers_.size() < kSpareBuffers) {
         spare_buffers_.push_back(std::move(chunk.records));
       }
       continue;
@@ -269,7 +269,8 @@ void BagFileWriter::IoSucceeded() {
   std::string line = "writing works again (" + file_.active_path + ")";
   {
     std::lock_guard<std::mutex> lock(mu_);
-    if (lost_since_failure_ > 0) line += "; " + std::to_string(lost_since_failure_) + " messages were lost meanwhile";
+    if (lost_since_failure_ > 0)
+      line += "; " + std::to_string(lost_since_failure_) + " messages were lost meanwhile";
     lost_since_failure_ = 0;
   }
   log_->Recover("disk_full", line);
@@ -278,7 +279,8 @@ void BagFileWriter::IoSucceeded() {
 
 int BagFileWriter::Reserve(uint64_t offset, uint64_t length) {
   while (reserve_supported_) {
-    if (::fallocate(file_.fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(length)) == 0) {
+    if (::fallocate(file_.fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(length)) ==
+        0) {
       reserved_ = true;
       return 0;
     }
@@ -322,7 +324,9 @@ int BagFileWriter::OpenFile() {
   mcap::AppendHeader(&head, {"", std::string("libkelo_bag_aa ") + KELO_BAG_AA_VERSION});
   file_ = std::move(fresh);
   reserved_ = false;
-  struct iovec iov{&head[0], head.size()};
+  struct iovec iov {
+    &head[0], head.size()
+  };
   int err = Reserve(0, TailBound(head.size()));
   if (err == 0 && !WriteAt(&iov, 1, head.size())) err = errno;
   if (err != 0) {
@@ -446,8 +450,7 @@ int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
   AppendPendingChannels(&head_, &written, &schemas, &channels);
 
   const uint32_t crc = chunk->has_crc ? chunk->crc : mcap::Crc32(records, size);
-  bool compress = options_.compression != BagCompression::kNone && !hurry &&
-                  size >= kMinCompressedChunk;
+  bool compress = options_.compression != BagCompression::kNone && !hurry && size >= kMinCompressedChunk;
   if (compress && skip_compression_ > 0) {
     --skip_compression_;
     compress = false;
@@ -491,9 +494,8 @@ int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
   }
   index.message_index_length = indexes_.size();
 
-  struct iovec iov[3] = {{&head_[0], head_.size()},
-                         {const_cast<char*>(body), body_size},
-                         {&indexes_[0], indexes_.size()}};
+  struct iovec iov[3] = {
+      {&head_[0], head_.size()}, {const_cast<char*>(body), body_size}, {&indexes_[0], indexes_.size()}};
   const size_t total = head_.size() + body_size + indexes_.size();
   // The chunk and everything completing the file would still need, or nothing: the room
   // set aside before stays, so the file can always be completed without this chunk.
@@ -608,7 +610,9 @@ std::string BagFileWriter::Finish() {
   const uint64_t data_end = file_.offset + tail.size();
   mcap::AppendFileTail(&tail, data_end, data_crc, summary);
 
-  struct iovec iov{&tail[0], tail.size()};
+  struct iovec iov {
+    &tail[0], tail.size()
+  };
   if (!WriteAt(&iov, 1, tail.size())) {
     int err = errno;
     if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {

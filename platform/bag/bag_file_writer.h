@@ -74,8 +74,8 @@ class BagFileWriter {
   void AddChannel(const BagChannel& channel);
 
   // Appends a message on a declared channel. Times are nanoseconds.
-  void AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
-                  uint64_t publish_time, const char* data, size_t size);
+  void AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time, uint64_t publish_time,
+                  const char* data, size_t size);
 
   // Writes what is pending (one more try each for chunks that failed before), the losses
   // the ledger holds for a file, the summary and the footer, syncs the file to disk and
@@ -104,8 +104,8 @@ class BagFileWriter {
     int fd = -1;
     std::string active_path;
     std::string completed_path;
-    uint64_t offset = 0;     // bytes written and kept
-    uint32_t data_crc = 0;   // CRC of those bytes
+    uint64_t offset = 0;    // bytes written and kept
+    uint32_t data_crc = 0;  // CRC of those bytes
     std::vector<bool> channel_written;
     std::vector<bool> schema_written;
     std::vector<mcap::Schema> schemas;
@@ -134,8 +134,7 @@ class BagFileWriter {
   // An upper bound of what completing the file still writes after `pending` more bytes.
   uint64_t TailBound(uint64_t pending) const;
   void AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
-                             std::vector<mcap::Schema>* schemas,
-                             std::vector<mcap::Channel>* channels);
+                             std::vector<mcap::Schema>* schemas, std::vector<mcap::Channel>* channels);
   void WaitForSpace();
   // Counts the messages of `records` as lost for `reason`, per topic; mu_ held.
   void LoseLocked(const std::string& records, uint32_t messages, BagLossReason reason);
@@ -155,16 +154,15 @@ class BagFileWriter {
   // The open chunk has a lock of its own, so that the writing thread never waits while a
   // caller copies a message in. Lock order: chunk_mu_, then mu_.
   std::mutex chunk_mu_;
-  Chunk open_;                // guarded by chunk_mu_
-  bool closed_ = false;       // guarded by chunk_mu_: Complete() has begun
+  Chunk open_;           // guarded by chunk_mu_
+  bool closed_ = false;  // guarded by chunk_mu_: Complete() has begun
 
   mutable std::mutex mu_;
   std::condition_variable work_cv_;     // the writing thread waits here
   std::condition_variable space_cv_;    // callers wait here while the queue is full
   std::condition_variable created_cv_;  // completed_path() waits here for the first try
   // When the open chunk must be closed; max() while it is empty.
-  std::chrono::steady_clock::time_point chunk_deadline_ =
-      std::chrono::steady_clock::time_point::max();
+  std::chrono::steady_clock::time_point chunk_deadline_ = std::chrono::steady_clock::time_point::max();
   std::deque<Chunk> queue_;
   size_t queued_bytes_ = 0;
   std::vector<std::string> spare_buffers_;

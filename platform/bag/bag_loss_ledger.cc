@@ -66,7 +66,8 @@ std::string BagLosses::Describe() const {
     const uint64_t n = total(static_cast<BagLossReason>(i));
     if (n > 0) reasons.emplace_back(n, i);
   }
-  std::stable_sort(reasons.begin(), reasons.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::stable_sort(reasons.begin(), reasons.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
   std::string text;
   for (const auto& [n, i] : reasons) {
     std::string name = kReasonNames[i];

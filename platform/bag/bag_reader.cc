@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <list>
+#include <map>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -70,8 +71,8 @@ struct BagReader::Rep {
 
   const std::string* Chunk(uint32_t block, std::string* why);
   // Finds the record of `ref` and checks it is the message the index promises.
-  bool Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length,
-              mcap::MessageHeader* header, const ChannelView** channel, std::string* why);
+  bool Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length, mcap::MessageHeader* header,
+              const ChannelView** channel, std::string* why);
   // Makes sure the message at `position` can be read, dropping damaged chunks until one
   // can; false at the end.
   bool Settle();
@@ -97,9 +98,8 @@ const std::string* BagReader::Rep::Chunk(uint32_t block, std::string* why) {
   return &cache.front().second;
 }
 
-bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record,
-                            uint64_t* length, mcap::MessageHeader* header,
-                            const ChannelView** channel, std::string* why) {
+bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length,
+                            mcap::MessageHeader* header, const ChannelView** channel, std::string* why) {
   const mcap::Block& block = index.blocks[ref.block];
   const char* p;
   uint64_t avail;
@@ -123,8 +123,7 @@ bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record,
   const uint64_t len = avail >= mcap::kPrefixSize ? mcap::LoadU64(p + 1) : 0;
   auto found = channels.end();
   if (avail < mcap::kPrefixSize || static_cast<uint8_t>(p[0]) != mcap::kOpMessage ||
-      len > avail - mcap::kPrefixSize ||
-      !mcap::ParseMessageHeader(p + mcap::kPrefixSize, len, header) ||
+      len > avail - mcap::kPrefixSize || !mcap::ParseMessageHeader(p + mcap::kPrefixSize, len, header) ||
       header->log_time != ref.log_time || (found = channels.find(header->channel_id)) == channels.end()) {
     *why = "message index does not match the data at byte " + std::to_string(block.offset);
     return false;
@@ -293,14 +292,23 @@ long BagReader::end_time() const {
 
 std::vector<std::shared_ptr<BagTopic>> BagReader::topics() const {
   std::vector<std::shared_ptr<BagTopic>> out;
-  std::set<std::pair<std::string, std::string>> seen;
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<BagTopic>> seen;
   for (const auto& c : rep_->index.channels) {
     const Rep::ChannelView& view = rep_->channels.at(c.first);
-    if (!seen.insert({view.topic, view.type}).second) continue;
-    auto topic = std::make_shared<BagTopic>();
-    topic->name = view.topic;
-    topic->type = view.type;
-    out.push_back(std::move(topic));
+    std::shared_ptr<BagTopic>& topic = seen[{view.topic, view.type}];
+    if (!topic) {
+      topic = std::make_shared<BagTopic>();
+      topic->name = view.topic;
+      topic->type = view.type;
+      out.push_back(topic);
+    }
+    // Several channels of one topic and type (another writer's) count together.
+    auto stats = rep_->index.channel_stats.find(c.first);
+    if (stats == rep_->index.channel_stats.end() || stats->second.messages == 0) continue;
+    const long first = ToMillis(stats->second.first_time), last = ToMillis(stats->second.last_time);
+    topic->first_time = topic->messages == 0 ? first : std::min(topic->first_time, first);
+    topic->last_time = topic->messages == 0 ? last : std::max(topic->last_time, last);
+    topic->messages += stats->second.messages;
   }
   return out;
 }

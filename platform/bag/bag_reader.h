@@ -95,7 +95,9 @@ class BagReader {
   long end_time() const;
 
   // Every (topic, type) pair the bag declares, whether or not it has messages, in the
-  // order the bag defines them. A topic recorded with two types appears twice.
+  // order the bag defines them, with the count and times of its messages as the index has
+  // them (a chunk found damaged later is still counted). A topic recorded with two types
+  // appears twice.
   std::vector<std::shared_ptr<BagTopic>> topics() const;
 
   // How the file is stored (see BagFileInfo); all empty, 0 and false for a file that could

@@ -37,8 +37,8 @@ BagWriter::~BagWriter() {
 }
 
 std::unique_ptr<BagFileWriter> BagWriter::CreateFileLocked(const std::string& part) {
-  auto file = std::make_unique<BagFileWriter>(BagFileName::ForPart(path_.GetFullPath(), part),
-                                              options_, &log_, &ledger_);
+  auto file = std::make_unique<BagFileWriter>(BagFileName::ForPart(path_.GetFullPath(), part), options_,
+                                              &log_, &ledger_);
   for (const BagChannel& c : channels_.all()) file->AddChannel(c);
   return file;
 }
@@ -52,8 +52,7 @@ BagChannel* BagWriter::ChannelLocked(const std::string& topic, const std::string
   bool created = false;
   BagChannel* c = channels_.Get(topic, type, &created);
   if (c == nullptr) {
-    log_.Fail("channels", "no channel id left for " + topic + " (" + type +
-                              "); its messages are not stored");
+    log_.Fail("channels", "no channel id left for " + topic + " (" + type + "); its messages are not stored");
     return nullptr;
   }
   if (created && file_) file_->AddChannel(*c);
@@ -95,8 +94,8 @@ void BagWriter::append_topic(const std::string& name, const std::string& type) {
   ChannelLocked(name, type);
 }
 
-void BagWriter::append_message(long time, long record_time, const std::string& topic,
-                               const std::string& data, const std::string& type) {
+void BagWriter::append_message(long time, long record_time, const std::string& topic, const std::string& data,
+                               const std::string& type) {
   if (!CheckTimes(time, record_time, topic)) return;
   std::lock_guard<std::mutex> write_lock(write_mu_);
   BagFileWriter* file;

@@ -69,8 +69,8 @@ class BagWriter {
   // type differs from its topic's earlier type is kept with its own type. When no file is
   // open (before open(), after close()), a new one is begun for the last part index, so
   // that messages of a restarted recording are never lost.
-  virtual void append_message(long time, long record_time, const std::string& topic,
-                              const std::string& data, const std::string& type);
+  virtual void append_message(long time, long record_time, const std::string& topic, const std::string& data,
+                              const std::string& type);
 
   // Hands the current file over to be completed (summary written, synced to disk, renamed
   // without ".active") on a thread of the writer's own, and begins part `index` as open()

@@ -1,11 +1,11 @@
 #include "platform/bag/mcap_file.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace kelo {
 namespace mcap {
@@ -36,8 +36,7 @@ bool RandomAccessFile::Read(uint64_t offset, uint64_t n, char* out) const {
   if (offset > size_ || n > size_ - offset) return false;
   uint64_t done = 0;
   while (done < n) {
-    ssize_t r = ::pread(fd_, out + done, static_cast<size_t>(n - done),
-                        static_cast<off_t>(offset + done));
+    ssize_t r = ::pread(fd_, out + done, static_cast<size_t>(n - done), static_cast<off_t>(offset + done));
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) return false;  // an error, or the file shrank under us
     done += static_cast<uint64_t>(r);

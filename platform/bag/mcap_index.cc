@@ -41,8 +41,7 @@ void SortRuns(std::vector<MessageRef>* v, std::vector<size_t> bounds) {
     std::vector<size_t> merged{0};
     for (size_t i = 0; i + 1 < bounds.size(); i += 2) {
       if (i + 2 < bounds.size()) {
-        std::inplace_merge(begin + bounds[i], begin + bounds[i + 1], begin + bounds[i + 2],
-                           InFileOrder);
+        std::inplace_merge(begin + bounds[i], begin + bounds[i + 1], begin + bounds[i + 2], InFileOrder);
         merged.push_back(bounds[i + 2]);
       } else {
         merged.push_back(bounds[i + 1]);
@@ -94,11 +93,11 @@ bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* de
 
 // Indexes the records of a decompressed chunk, learning the schemas and channels it
 // defines. False when its records do not exactly fill it.
-bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* index,
-                      std::string* error) {
+bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* index, std::string* error) {
   const char* p = records.data();
   const size_t size = records.size();
   size_t pos = 0;
+  std::map<uint16_t, ChannelStats> found;  // taken into the index only when the chunk is whole
   while (pos < size) {
     if (size - pos < kPrefixSize) {
       *error = "chunk ends inside a record";
@@ -119,6 +118,7 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
       }
       if (index->channels.count(m.channel_id) > 0) {
         index->messages.push_back({m.log_time, block, static_cast<uint32_t>(pos)});
+        found[m.channel_id].Add(m.log_time);
       }
     } else if (op == kOpSchema) {
       Schema s;
@@ -129,6 +129,13 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
     }
     pos += kPrefixSize + len;
   }
+  for (const auto& [channel, stats] : found) {
+    ChannelStats& into = index->channel_stats[channel];
+    if (stats.messages == 0) continue;
+    into.first_time = into.messages == 0 ? stats.first_time : std::min(into.first_time, stats.first_time);
+    into.last_time = into.messages == 0 ? stats.last_time : std::max(into.last_time, stats.last_time);
+    into.messages += stats.messages;
+  }
   return true;
 }
 
@@ -137,8 +144,8 @@ enum class SummaryUse { kUsed, kAbsent, kDamaged };
 // Indexes the file from its summary and message indexes. kAbsent when the file has no
 // summary or one that does not account for every message (messages outside chunks,
 // channels defined only in the data); kDamaged, with `why`, when it is inconsistent.
-SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* decompressor,
-                           BagIndex* index, std::string* why) {
+SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
+                           std::string* why) {
   const uint64_t size = file.size();
   if (size < kMagicSize + kDataEndRecordSize + kTailSize) return SummaryUse::kAbsent;
   char tail[kTailSize];
@@ -165,9 +172,8 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
     *why = "no data end record before the summary";
     return SummaryUse::kDamaged;
   }
-  if (footer.summary_crc != 0 &&
-      Crc32(region.data() + kDataEndRecordSize, region.size() - kDataEndRecordSize - 4) !=
-          footer.summary_crc) {
+  if (footer.summary_crc != 0 && Crc32(region.data() + kDataEndRecordSize,
+                                       region.size() - kDataEndRecordSize - 4) != footer.summary_crc) {
     *why = "summary CRC mismatch";
     return SummaryUse::kDamaged;
   }
@@ -282,6 +288,7 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
             return SummaryUse::kDamaged;
           }
           index->messages.push_back({e.log_time, block, static_cast<uint32_t>(e.offset)});
+          index->channel_stats[channel].Add(e.log_time);
         }
       }
       pos += kPrefixSize + len;
@@ -298,7 +305,8 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
     Metadata parsed;
     if (m.offset < kMagicSize || m.length < kPrefixSize || m.offset > data_end_pos ||
         m.length > data_end_pos - m.offset || !file.Read(m.offset, m.length, &record) ||
-        static_cast<uint8_t>(record[0]) != kOpMetadata || LoadU64(record.data() + 1) != m.length - kPrefixSize ||
+        static_cast<uint8_t>(record[0]) != kOpMetadata ||
+        LoadU64(record.data() + 1) != m.length - kPrefixSize ||
         !ParseMetadata(record.data() + kPrefixSize, m.length - kPrefixSize, &parsed)) {
       *why = "metadata index points at no metadata";
       return SummaryUse::kDamaged;
@@ -339,8 +347,8 @@ uint64_t Resync(SequentialReader* in, uint64_t from, uint64_t size) {
 }
 
 // Reads the file record by record from the start; see BuildIndex.
-void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompressor,
-                    BagIndex* index, bool tail_ok) {
+void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
+                    bool tail_ok) {
   SequentialReader in(&file);
   const uint64_t size = file.size();
   Damage& damage = index->damage;
@@ -445,6 +453,7 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
         }
         index->messages.push_back(
             {m.log_time, loose, static_cast<uint32_t>(pos - index->blocks[loose].offset)});
+        index->channel_stats[m.channel_id].Add(m.log_time);
       }
     } else if (op == kOpSchema || op == kOpChannel || op == kOpHeader || op == kOpMetadata) {
       const char* content = in.Get(content_at, len);
@@ -536,8 +545,7 @@ bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, B
       // The header is not repeated in the summary; it is the first record.
       char prefix[kPrefixSize];
       std::string content;
-      if (file.Read(kMagicSize, kPrefixSize, prefix) &&
-          static_cast<uint8_t>(prefix[0]) == kOpHeader &&
+      if (file.Read(kMagicSize, kPrefixSize, prefix) && static_cast<uint8_t>(prefix[0]) == kOpHeader &&
           file.Read(kMagicSize + kPrefixSize, LoadU64(prefix + 1), &content)) {
         ParseHeader(content.data(), content.size(), &index->header);
       }

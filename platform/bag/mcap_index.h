@@ -1,6 +1,7 @@
 #ifndef KELO_PLATFORM_BAG_MCAP_INDEX_H_
 #define KELO_PLATFORM_BAG_MCAP_INDEX_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -30,16 +31,29 @@ struct MessageRef {
 
 // What of a file could not be read: all zero and empty for a sound one.
 struct Damage {
-  bool unfinished = false;        // no summary: still being written, or cut short
-  std::string summary_problem;    // why a summary present could not be used
-  uint32_t damaged_chunks = 0;    // chunks whose records could not be read
-  uint64_t lost_messages = 0;     // messages those chunks were indexed to hold
-  bool lost_unknown = false;      // some damaged chunk's messages could not be counted
-  uint64_t unread_bytes = 0;      // bytes skipped as garbage or left unread at the end
-  std::string first;              // the first damage found and where, "" when none
+  bool unfinished = false;      // no summary: still being written, or cut short
+  std::string summary_problem;  // why a summary present could not be used
+  uint32_t damaged_chunks = 0;  // chunks whose records could not be read
+  uint64_t lost_messages = 0;   // messages those chunks were indexed to hold
+  bool lost_unknown = false;    // some damaged chunk's messages could not be counted
+  uint64_t unread_bytes = 0;    // bytes skipped as garbage or left unread at the end
+  std::string first;            // the first damage found and where, "" when none
 
   bool damaged() const { return damaged_chunks > 0 || !first.empty(); }
   bool any() const { return unfinished || damaged() || !summary_problem.empty(); }
+};
+
+// How many messages a channel has and their first and last log times, as indexed.
+struct ChannelStats {
+  uint64_t messages = 0;
+  uint64_t first_time = 0;
+  uint64_t last_time = 0;
+
+  void Add(uint64_t log_time) {
+    first_time = messages == 0 ? log_time : std::min(first_time, log_time);
+    last_time = messages == 0 ? log_time : std::max(last_time, log_time);
+    ++messages;
+  }
 };
 
 // Everything a reader needs to find any message without scanning the file again.
@@ -47,10 +61,11 @@ struct BagIndex {
   Header header;
   std::map<uint16_t, Schema> schemas;
   std::map<uint16_t, Channel> channels;
-  std::vector<Block> blocks;        // in file order
-  std::vector<MessageRef> messages; // in log time order, ties in file order
-  std::vector<Metadata> metadata;   // in file order
-  bool from_summary = false;        // opened from the summary, without scanning the data
+  std::vector<Block> blocks;         // in file order
+  std::vector<MessageRef> messages;  // in log time order, ties in file order
+  std::vector<Metadata> metadata;    // in file order
+  std::map<uint16_t, ChannelStats> channel_stats;
+  bool from_summary = false;  // opened from the summary, without scanning the data
   Damage damage;
 };
 

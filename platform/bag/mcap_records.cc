@@ -152,8 +152,7 @@ void AppendChunkHeader(std::string* out, const ChunkHeader& c) {
   PutU64(out, c.records_size);
 }
 
-void AppendMessageIndex(std::string* out, uint16_t channel_id,
-                        const std::vector<IndexEntry>& entries) {
+void AppendMessageIndex(std::string* out, uint16_t channel_id, const std::vector<IndexEntry>& entries) {
   size_t r = BeginRecord(out, kOpMessageIndex);
   PutU16(out, channel_id);
   PutU32(out, static_cast<uint32_t>(entries.size() * 16));
@@ -349,8 +348,7 @@ bool ParseChunkHeader(const char* content, size_t size, ChunkHeader* out) {
   return true;
 }
 
-bool ParseMessageIndex(const char* content, size_t size, uint16_t* channel_id,
-                       std::vector<IndexEntry>* out) {
+bool ParseMessageIndex(const char* content, size_t size, uint16_t* channel_id, std::vector<IndexEntry>* out) {
   Cursor c(content, size);
   *channel_id = c.U16();
   Cursor a = c.Sub32();

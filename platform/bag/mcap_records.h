@@ -17,10 +17,10 @@ namespace mcap {
 
 extern const char kMagic[8];
 constexpr size_t kMagicSize = 8;
-constexpr size_t kPrefixSize = 9;           // opcode + uint64 content length
-constexpr size_t kMessageHeaderSize = 22;   // Message content before its payload
-constexpr size_t kFooterRecordSize = 29;    // never extended
-constexpr size_t kDataEndRecordSize = 13;   // never extended
+constexpr size_t kPrefixSize = 9;          // opcode + uint64 content length
+constexpr size_t kMessageHeaderSize = 22;  // Message content before its payload
+constexpr size_t kFooterRecordSize = 29;   // never extended
+constexpr size_t kDataEndRecordSize = 13;  // never extended
 
 enum Opcode : uint8_t {
   kOpHeader = 0x01,
@@ -174,8 +174,8 @@ class Cursor {
   uint16_t U16();
   uint32_t U32();
   uint64_t U64();
-  std::string String();                // uint32 length + bytes
-  std::string Bytes32();               // uint32 length + bytes
+  std::string String();   // uint32 length + bytes
+  std::string Bytes32();  // uint32 length + bytes
   void Skip(size_t n);
   // Starts a uint32-length-prefixed map or array; returns a cursor over its bytes.
   Cursor Sub32();
@@ -200,8 +200,7 @@ bool ParseMessageHeader(const char* content, size_t size, MessageHeader* out);
 bool ParseChunkHeader(const char* content, size_t size, ChunkHeader* out);
 // Appends the entries to `out`; false when the array's length is not a whole number of
 // entries or runs past the record.
-bool ParseMessageIndex(const char* content, size_t size, uint16_t* channel_id,
-                       std::vector<IndexEntry>* out);
+bool ParseMessageIndex(const char* content, size_t size, uint16_t* channel_id, std::vector<IndexEntry>* out);
 bool ParseChunkIndex(const char* content, size_t size, ChunkIndex* out);
 bool ParseStatistics(const char* content, size_t size, Statistics* out);
 bool ParseMetadata(const char* content, size_t size, Metadata* out);

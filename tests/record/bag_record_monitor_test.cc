@@ -153,15 +153,19 @@ TEST(BagRecordMonitorTest, EveryRecorderInEveryProcessAnswersOnce) {
   auto tools_own = std::make_shared<BagRecordMonitor>();
   tools_own->set_node_name("trigger_node");
   RecordMonitorService::Registration trigger = RecordMonitorService::Register(
-      UdpCastManager::GetCastServer(BagRecord::kMonitorGroup, BagRecord::kMonitorPort), [&] { return tools_own; });
+      UdpCastManager::GetCastServer(BagRecord::kMonitorGroup, BagRecord::kMonitorPort),
+      [&] { return tools_own; });
 
-  FILE* peer = popen((std::string(KELO_MONITOR_PEER) + " serve peer " + peer_dir.path() + " > " + peer_dir.path() +
-                      "/ready").c_str(),
-                     "w");
-  while (RunCommand("cat " + peer_dir.path() + "/ready 2>/dev/null").find("ready") == std::string::npos) usleep(10000);
-  EXPECT_THAT(Lines(RunCommand(std::string(KELO_MONITOR_PEER) + " query 500")),
-              ElementsAre("first topics=1 queue=0 drop=0 total=5", "peer topics=1 queue=0 drop=0 total=5",
-                          "second topics=0 queue=0 drop=0 total=0", "trigger_node topics=0 queue=0 drop=0 total=0"));
+  FILE* peer = popen(
+      (std::string(KELO_MONITOR_PEER) + " serve peer " + peer_dir.path() + " > " + peer_dir.path() + "/ready")
+          .c_str(),
+      "w");
+  while (RunCommand("cat " + peer_dir.path() + "/ready 2>/dev/null").find("ready") == std::string::npos)
+    usleep(10000);
+  EXPECT_THAT(
+      Lines(RunCommand(std::string(KELO_MONITOR_PEER) + " query 500")),
+      ElementsAre("first topics=1 queue=0 drop=0 total=5", "peer topics=1 queue=0 drop=0 total=5",
+                  "second topics=0 queue=0 drop=0 total=0", "trigger_node topics=0 queue=0 drop=0 total=0"));
   pclose(peer);
   trigger = RecordMonitorService::Registration();
   EXPECT_THAT(Lines(RunCommand(std::string(KELO_MONITOR_PEER) + " query 500")),

@@ -36,11 +36,35 @@ TEST(BagRecordOptTest, ConstructionGivesEmptyNamesAndZeroSettings) {
 
 TEST(BagRecordOptTest, EveryOptionParsesByLongNameAndByAlias) {
   const std::vector<std::vector<const char*>> spellings = {
-      {"--node_name", "car7", "--output", "out/x.kelobag.active", "--split_time", "30", "--all", "--trigger",
-       "--reserve", "5", "--duration", "9", "--cache", "3", "--folder_size", "4", "--debug", "2", "--discovery",
-       "--nospacelimit", "/b", "/a", "/b"},
-      {"-n", "car7", "-o", "out/x.kelobag.active", "-s", "30", "-a", "--trigger", "--reserve", "5", "--duration",
-       "9", "--cache", "3", "--fs", "4", "--debug", "2", "-D", "--nospacelimit", "/b", "/a"},
+      {"--node_name",
+       "car7",
+       "--output",
+       "out/x.kelobag.active",
+       "--split_time",
+       "30",
+       "--all",
+       "--trigger",
+       "--reserve",
+       "5",
+       "--duration",
+       "9",
+       "--cache",
+       "3",
+       "--folder_size",
+       "4",
+       "--debug",
+       "2",
+       "--discovery",
+       "--nospacelimit",
+       "/b",
+       "/a",
+       "/b"},
+      {"-n",        "car7", "-o",         "out/x.kelobag.active",
+       "-s",        "30",   "-a",         "--trigger",
+       "--reserve", "5",    "--duration", "9",
+       "--cache",   "3",    "--fs",       "4",
+       "--debug",   "2",    "-D",         "--nospacelimit",
+       "/b",        "/a"},
   };
   for (const auto& args : spellings) {
     BagRecordOpt opt;
@@ -55,7 +79,8 @@ TEST(BagRecordOptTest, EveryOptionParsesByLongNameAndByAlias) {
     EXPECT_EQ(opt.duration_time, 9);
     EXPECT_EQ(opt.cache_size, 3L << 20);
     EXPECT_EQ(opt.folder_size, 4L << 20);
-    EXPECT_EQ(std::vector<std::string>(opt.topics.begin(), opt.topics.end()), (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(std::vector<std::string>(opt.topics.begin(), opt.topics.end()),
+              (std::vector<std::string>{"/a", "/b"}));
   }
 }
 
@@ -63,10 +88,18 @@ TEST(BagRecordOptTest, RefusesUnknownSpellingsAndMalformedIntegersNamingThem) {
   const struct {
     std::vector<const char*> args;
     const char* named;
-  } bad[] = {{{"-d"}, "-d"},           {{"-N", "x"}, "-N"},        {{"-S", "1"}, "-S"},
-             {{"--n", "x"}, "--n"},    {{"-fs", "1"}, "-fs"},      {{"--nocatchlimit"}, "--nocatchlimit"},
-             {{"--cs", "1"}, "--cs"},  {{"-s", "ten"}, "ten"},     {{"--reserve", "1.5"}, "1.5"},
-             {{"--duration", "9x"}, "9x"}, {{"--cache", "4294967296"}, "4294967296"}, {{"--fs", "big"}, "big"}};
+  } bad[] = {{{"-d"}, "-d"},
+             {{"-N", "x"}, "-N"},
+             {{"-S", "1"}, "-S"},
+             {{"--n", "x"}, "--n"},
+             {{"-fs", "1"}, "-fs"},
+             {{"--nocatchlimit"}, "--nocatchlimit"},
+             {{"--cs", "1"}, "--cs"},
+             {{"-s", "ten"}, "ten"},
+             {{"--reserve", "1.5"}, "1.5"},
+             {{"--duration", "9x"}, "9x"},
+             {{"--cache", "4294967296"}, "4294967296"},
+             {{"--fs", "big"}, "big"}};
   for (const auto& c : bad) {
     BagRecordOpt opt;
     EXPECT_EQ(Parse(&opt, c.args), Result::kFailed) << c.named;
@@ -79,9 +112,10 @@ TEST(BagRecordOptTest, HelpListsThePublicOptionsOnly) {
   testing::internal::CaptureStdout();
   ASSERT_EQ(Parse(&opt, {"--help"}), Result::kHelp);
   std::string help = testing::internal::GetCapturedStdout();
-  for (const char* shown : {"--node_name", "-n", "--output", "--split_time", "actual mode split time", "--all",
-                            "--trigger", "--reserve", "--duration", "trigger mode cache size, unit MB", "--fs",
-                            "--nospacelimit", "topic_name(s)", "bag_name"}) {
+  for (const char* shown :
+       {"--node_name", "-n", "--output", "--split_time", "actual mode split time", "--all", "--trigger",
+        "--reserve", "--duration", "trigger mode cache size, unit MB", "--fs", "--nospacelimit",
+        "topic_name(s)", "bag_name"}) {
     EXPECT_THAT(help, HasSubstr(shown));
   }
   EXPECT_THAT(help, Not(HasSubstr("--debug")));
@@ -97,7 +131,11 @@ TEST(BagRecordOptTest, DefaultsAndMegabyteConversionsNeverCompound) {
       {{}, 60, 65, 2147483648L, 0, false},
       {{"--cache", "1", "--fs", "10", "--debug", "1"}, 60, 65, 1048576, 10485760, false},
       {{"--cache", "-1", "--fs", "-5", "--debug", "debug", "--debug", "3"}, 60, 65, -1048576, -5, false},
-      {{"--cache", "0", "--fs", "0", "--reserve", "0", "--duration", "0", "--debug", "22"}, 60, 65, 2147483648L, 0,
+      {{"--cache", "0", "--fs", "0", "--reserve", "0", "--duration", "0", "--debug", "22"},
+       60,
+       65,
+       2147483648L,
+       0,
        false},
       {{"--reserve", "-1", "--duration", "-2", "--debug", "1", "--debug", "2"}, -1, -2, 2147483648L, 0, true},
       {{"--reserve", "70", "--duration", "65", "--debug", "1,2,3"}, 70, 65, 2147483648L, 0, true},

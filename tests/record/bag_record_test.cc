@@ -83,8 +83,9 @@ TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrder) {
     record.Stop();
   }
   std::string console = testing::internal::GetCapturedStdout();
-  std::regex expected("save to file: " + dir.path() +
-                      "/bag_[0-9]{14}\\.kelobag\\.active\nsave thread running\nsave thread exit\nrecord exit\n");
+  std::regex expected(
+      "save to file: " + dir.path() +
+      "/bag_[0-9]{14}\\.kelobag\\.active\nsave thread running\nsave thread exit\nrecord exit\n");
   EXPECT_TRUE(std::regex_match(console, expected)) << console;
   EXPECT_THAT(log.texts(), ElementsAre("save thread running", "save thread exit", "record exit"));
 }

@@ -26,11 +26,13 @@ class ScopedMount {
   // `dir` bound onto itself, read-only: nothing can be created in it.
   static ScopedMount ReadOnly(const std::string& dir) {
     const bool bound = ::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr) == 0;
-    return ScopedMount(dir, bound && ::mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY,
-                                             nullptr) == 0);
+    return ScopedMount(
+        dir, bound && ::mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0);
   }
 
-  ScopedMount(ScopedMount&& other) noexcept : dir_(other.dir_), mounted_(other.mounted_) { other.mounted_ = false; }
+  ScopedMount(ScopedMount&& other) noexcept : dir_(other.dir_), mounted_(other.mounted_) {
+    other.mounted_ = false;
+  }
   ScopedMount(const ScopedMount&) = delete;
   ScopedMount& operator=(const ScopedMount&) = delete;
   ScopedMount& operator=(ScopedMount&&) = delete;

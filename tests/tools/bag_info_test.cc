@@ -44,41 +44,44 @@ const BagSummary::Topic* Find(const BagSummary& s, const std::string& name, cons
   return nullptr;
 }
 
-TEST(BagInfoTest, SummarizesTimesCountsTopicsAndStorageOfABag) {
+TEST(BagInfoTest, SummarizesTimesCountsTopicsAndStorageOfABagAlikeFromItsSummaryAndItsMessages) {
   TempDir dir;
   const std::string path = WriteBag(dir, "a", 0);
-  BagSummary s;
-  std::string error;
-  ASSERT_TRUE(SummarizeBag(path, &s, &error)) << error;
-  EXPECT_EQ(path, s.path);
-  EXPECT_EQ(ReadWholeFile(path).size(), s.size_bytes);
-  EXPECT_EQ(kT0, s.start_ms);
-  EXPECT_EQ(kT0 + 2000, s.end_ms);
-  EXPECT_DOUBLE_EQ(2.0, s.duration_s());
-  EXPECT_EQ(201u + 21u + 5u, s.messages);
-  EXPECT_NE(std::string::npos, s.compression.find("lz4")) << s.compression;
-  EXPECT_GT(s.chunks, 1u);
-  EXPECT_FALSE(s.recovered);
-  ASSERT_EQ(4u, s.topics.size());  // /state once per type
-  ASSERT_NE(nullptr, Find(s, "/imu", "lcm:imu"));
-  EXPECT_EQ(201u, Find(s, "/imu", "lcm:imu")->messages);
-  EXPECT_DOUBLE_EQ(100.0, Find(s, "/imu", "lcm:imu")->frequency());
-  EXPECT_DOUBLE_EQ(10.0, Find(s, "/cam", "lcm:cam")->frequency());
-  ASSERT_NE(nullptr, Find(s, "/state", "v2"));
-  EXPECT_EQ(3u, Find(s, "/state", "v2")->messages);
+  for (bool verify : {false, true}) {
+    SCOPED_TRACE(verify ? "every message read" : "summary only");
+    BagSummary s;
+    std::string error;
+    ASSERT_TRUE(SummarizeBag(path, verify, &s, &error)) << error;
+    EXPECT_EQ(path, s.path);
+    EXPECT_EQ(ReadWholeFile(path).size(), s.size_bytes);
+    EXPECT_EQ(kT0, s.start_ms);
+    EXPECT_EQ(kT0 + 2000, s.end_ms);
+    EXPECT_DOUBLE_EQ(2.0, s.duration_s());
+    EXPECT_EQ(201u + 21u + 5u, s.messages);
+    EXPECT_NE(std::string::npos, s.compression.find("lz4")) << s.compression;
+    EXPECT_GT(s.chunks, 1u);
+    EXPECT_FALSE(s.recovered);
+    ASSERT_EQ(4u, s.topics.size());  // /state once per type
+    ASSERT_NE(nullptr, Find(s, "/imu", "lcm:imu"));
+    EXPECT_EQ(201u, Find(s, "/imu", "lcm:imu")->messages);
+    EXPECT_DOUBLE_EQ(100.0, Find(s, "/imu", "lcm:imu")->frequency());
+    EXPECT_DOUBLE_EQ(10.0, Find(s, "/cam", "lcm:cam")->frequency());
+    ASSERT_NE(nullptr, Find(s, "/state", "v2"));
+    EXPECT_EQ(3u, Find(s, "/state", "v2")->messages);
 
-  const std::string text = FormatSummary(s);
-  for (const std::string& line : {"path:        " + path, std::string("messages:    227"),
-                                  std::string("recovered:   no"), std::string("duration:    2.000 s")}) {
-    EXPECT_NE(std::string::npos, text.find(line)) << line << "\n" << text;
+    const std::string text = FormatSummary(s);
+    for (const std::string& line : {"path:        " + path, std::string("messages:    227"),
+                                    std::string("recovered:   no"), std::string("duration:    2.000 s")}) {
+      EXPECT_NE(std::string::npos, text.find(line)) << line << "\n" << text;
+    }
+    const Json::Value json = SummaryJson(s);
+    EXPECT_EQ(path, json["path"].asString());
+    EXPECT_EQ(227u, json["messages"].asUInt64());
+    EXPECT_EQ(kT0, json["start_ms"].asInt64());
+    EXPECT_EQ(4u, json["topics"].size());
+    EXPECT_EQ("/cam", json["topics"][0]["topic"].asString());
+    EXPECT_DOUBLE_EQ(10.0, json["topics"][0]["frequency_hz"].asDouble());
   }
-  const Json::Value json = SummaryJson(s);
-  EXPECT_EQ(path, json["path"].asString());
-  EXPECT_EQ(227u, json["messages"].asUInt64());
-  EXPECT_EQ(kT0, json["start_ms"].asInt64());
-  EXPECT_EQ(4u, json["topics"].size());
-  EXPECT_EQ("/cam", json["topics"][0]["topic"].asString());
-  EXPECT_DOUBLE_EQ(10.0, json["topics"][0]["frequency_hz"].asDouble());
 }
 
 TEST(BagInfoTest, SummarizesAnUnfinishedBagAsRecoveredAndRefusesWhatIsNoBag) {
@@ -89,7 +92,7 @@ TEST(BagInfoTest, SummarizesAnUnfinishedBagAsRecoveredAndRefusesWhatIsNoBag) {
       .write(bytes.data(), static_cast<std::streamsize>(bytes.size() * 2 / 3));
   BagSummary s;
   std::string error;
-  ASSERT_TRUE(SummarizeBag(cut, &s, &error)) << error;
+  ASSERT_TRUE(SummarizeBag(cut, false, &s, &error)) << error;
   EXPECT_TRUE(s.recovered);
   EXPECT_NE(std::string::npos, s.note.find("recovered")) << s.note;
   EXPECT_GT(s.messages, 0u);
@@ -98,7 +101,7 @@ TEST(BagInfoTest, SummarizesAnUnfinishedBagAsRecoveredAndRefusesWhatIsNoBag) {
 
   std::ofstream(dir.file("text.kelobag")) << "not a bag";
   for (const std::string& bad : {dir.file("text.kelobag"), dir.file("missing.kelobag")}) {
-    EXPECT_FALSE(SummarizeBag(bad, &s, &error)) << bad;
+    EXPECT_FALSE(SummarizeBag(bad, false, &s, &error)) << bad;
     EXPECT_EQ(0u, error.find(bad + ": ")) << error;
   }
 }
@@ -107,8 +110,8 @@ TEST(BagInfoTest, MergesBagsIntoOneRecording) {
   TempDir dir;
   std::vector<BagSummary> parts(2);
   std::string error;
-  ASSERT_TRUE(SummarizeBag(WriteBag(dir, "a", 0), &parts[0], &error));
-  ASSERT_TRUE(SummarizeBag(WriteBag(dir, "b", 2010), &parts[1], &error));
+  ASSERT_TRUE(SummarizeBag(WriteBag(dir, "a", 0), false, &parts[0], &error));
+  ASSERT_TRUE(SummarizeBag(WriteBag(dir, "b", 2010), true, &parts[1], &error));
   parts[1].compression = "zstd";  // as if written with another setting
   const BagSummary all = MergeSummaries(parts);
   EXPECT_EQ("", all.path);

@@ -65,7 +65,8 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
     const Outcome help = KeloBag(dir, {command, "--help"});
     EXPECT_EQ(0, help.code) << command;
     EXPECT_NE(std::string::npos, help.out.find(std::string("Usage: ") + command)) << help.out;
-    EXPECT_NE(std::string::npos, help.out.find("  3  damaged input was read as far as it could be")) << help.out;
+    EXPECT_NE(std::string::npos, help.out.find("  3  damaged input was read as far as it could be"))
+        << help.out;
     EXPECT_EQ("", help.err) << command;
   }
 }
@@ -156,7 +157,8 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   BagWriter writer(fileio::FilePath(dir.file("whole.kelobag.active")), options);
   writer.losses()->Add("/a", BagLossReason::kQueueFull, 3);
   writer.losses()->Add("/b", BagLossReason::kDiskFull, 2);
-  for (long t = 0; t < 100; ++t) writer.append_message(1700000000000 + t * 10, 0, "/a", std::string(50, 'x'), "T");
+  for (long t = 0; t < 100; ++t)
+    writer.append_message(1700000000000 + t * 10, 0, "/a", std::string(50, 'x'), "T");
   const std::string whole = writer.close();
   std::string bytes = ReadWholeFile(whole);
   const std::string damaged = dir.file("damaged.kelobag"), cut = dir.file("cut.kelobag.active");
@@ -171,18 +173,21 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   const Outcome clean = KeloBag(dir, {"info", whole, header_only});
   EXPECT_EQ(0, clean.code) << clean.err;
   EXPECT_NE(std::string::npos, clean.out.find("lost:        5 (3 queue full, 2 disk full)\n")) << clean.out;
-  const Outcome info = KeloBag(dir, {"info", damaged, cut});
+  const Outcome trusting = KeloBag(dir, {"info", damaged});
+  EXPECT_EQ(0, trusting.code) << "without --verify the summary is trusted";
+  const Outcome info = KeloBag(dir, {"info", "--verify", damaged, cut});
   EXPECT_EQ(3, info.code);
   EXPECT_NE(std::string::npos, info.err.find("info: " + damaged + ": 1 chunk (")) << info.err;
   EXPECT_NE(std::string::npos, info.err.find("info: " + cut + ": ")) << info.err;
   EXPECT_NE(std::string::npos, info.out.find("unreadable:  1 chunk (")) << info.out;
-  const Outcome json = KeloBag(dir, {"info", "--json", damaged});
+  const Outcome json = KeloBag(dir, {"info", "--json", "--verify", damaged});
   EXPECT_NE(std::string::npos, json.out.find("\"lost\" : 5")) << json.out;
   EXPECT_NE(std::string::npos, json.out.find("\"chunks\" : 1")) << json.out;
 
   const Outcome play = KeloBag(dir, {"play", damaged});
   EXPECT_EQ(3, play.code);
-  EXPECT_NE(std::string::npos, play.err.find("play: " + damaged + ": recovered damaged bag: kept ")) << play.err;
+  EXPECT_NE(std::string::npos, play.err.find("play: " + damaged + ": recovered damaged bag: kept "))
+      << play.err;
   EXPECT_NE(std::string::npos, play.err.find("1 chunk (")) << play.err;
 }
 

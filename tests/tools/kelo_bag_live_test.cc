@@ -4,9 +4,9 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -117,12 +117,14 @@ TEST(KeloBagLiveTest, RecordsEveryChannelOfALivePublisherAndCompletesEveryPartOn
   EXPECT_EQ(0u, seen["lost"].asUInt64());
   EXPECT_EQ(5u, seen["topics"].size());
   EXPECT_EQ("continuous", seen["mode"].asString());
-  EXPECT_NE(std::string::npos, seen["current_file"].asString().find(out_dir + "/bag_")) << seen["current_file"].asString();
+  EXPECT_NE(std::string::npos, seen["current_file"].asString().find(out_dir + "/bag_"))
+      << seen["current_file"].asString();
 
   record.Signal(SIGINT);
   ASSERT_EQ(0, record.Wait(60000)) << record.Stdout() << record.Stderr();
   const std::string said = record.Stdout();
-  EXPECT_NE(std::string::npos, said.find("\nreceived " + std::to_string(traffic.size()) + " messages")) << said;
+  EXPECT_NE(std::string::npos, said.find("\nreceived " + std::to_string(traffic.size()) + " messages"))
+      << said;
   EXPECT_TRUE(EndsWith(said, "none lost\n")) << said;
 
   // Every part completed; read in order, they hold each channel's messages in order.
@@ -164,7 +166,8 @@ TEST(KeloBagLiveTest, RecordRefusesAnUnwritableFolderAndTellsWhatAFullDiskLost) 
   Subprocess record({kKeloBag, "record", "-o", small + "/", "-n", "full_node", "BIG"}, dir.file("record"));
   ASSERT_TRUE(WaitFor([&] { return record.Stdout().find("recording 1 topic") != std::string::npos; }, 20000))
       << record.Stderr();
-  Subprocess publish({KELO_LCM_PUBLISH, cli::BusUrl(""), "BIG", "1500", "10000", "1000"}, dir.file("publish"));
+  Subprocess publish({KELO_LCM_PUBLISH, cli::BusUrl(""), "BIG", "1500", "10000", "1000"},
+                     dir.file("publish"));
   ASSERT_EQ(0, publish.Wait(60000)) << publish.Stderr();
   Json::Value seen;
   ASSERT_TRUE(WaitFor(
@@ -182,7 +185,8 @@ TEST(KeloBagLiveTest, RecordRefusesAnUnwritableFolderAndTellsWhatAFullDiskLost) 
   ASSERT_NE(std::string::npos, at) << said;
   const std::string last = said.substr(at);
   unsigned long long lost = 0;
-  ASSERT_EQ(1, std::sscanf(last.c_str(), "received 1500 messages (%*[^)]); %llu of them lost", &lost)) << last;
+  ASSERT_EQ(1, std::sscanf(last.c_str(), "received 1500 messages (%*[^)]); %llu of them lost", &lost))
+      << last;
   EXPECT_TRUE(EndsWith(said, "lost: " + std::to_string(lost) + " disk full\n")) << last;
   // What the files hold and what they say was lost make up everything published.
   uint64_t kept = 0, lost_in_files = 0;
@@ -192,7 +196,8 @@ TEST(KeloBagLiveTest, RecordRefusesAnUnwritableFolderAndTellsWhatAFullDiskLost) 
   }
   EXPECT_EQ(1500u, kept + lost);
   EXPECT_EQ(lost, lost_in_files);
-  for (const std::string& name : testing_support::ListDir(small)) EXPECT_TRUE(EndsWith(name, ".kelobag")) << name;
+  for (const std::string& name : testing_support::ListDir(small))
+    EXPECT_TRUE(EndsWith(name, ".kelobag")) << name;
 }
 
 // Collects what arrives on the bus, on a thread of its own.

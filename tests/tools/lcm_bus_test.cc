@@ -55,7 +55,8 @@ TEST(LcmMessageTypeTest, AChannelOfChangingFirstBytesIsFiledAsRawAfterAFewTypes)
   for (uint64_t i = 0; i < 1000; ++i) {
     const std::string payload(reinterpret_cast<const char*>(&i), 8);
     raw_types.insert(namer.TypeOf("/raw", payload.data(), payload.size()));
-    typed.insert(namer.TypeOf("/typed", i % 2 ? "\x12\x34\xab\xcd\x56\x78\xef\x00" : "\x00\x00\x00\x00\x00\x00\x00\x01", 8));
+    typed.insert(namer.TypeOf(
+        "/typed", i % 2 ? "\x12\x34\xab\xcd\x56\x78\xef\x00" : "\x00\x00\x00\x00\x00\x00\x00\x01", 8));
   }
   EXPECT_EQ(LcmTypeNamer::kMaxFingerprints + 1, raw_types.size());
   EXPECT_EQ(1u, raw_types.count(kRawLcmMessageType));
@@ -64,7 +65,8 @@ TEST(LcmMessageTypeTest, AChannelOfChangingFirstBytesIsFiledAsRawAfterAFewTypes)
   EXPECT_EQ(kRawLcmMessageType, namer.TypeOf("/raw", "\x12\x34\xab\xcd\x56\x78\xef\x00", 8)) << "for good";
 
   const std::string data("\x01\x02\x03\x04\x05\x06\x07\x08\x00z", 10);
-  const BagRecordWriter::Message m = RecordedMessage("/cam", 1700000000123999, "T", data.data(), data.size(), 42);
+  const BagRecordWriter::Message m =
+      RecordedMessage("/cam", 1700000000123999, "T", data.data(), data.size(), 42);
   EXPECT_EQ(1700000000123, m.time);
   EXPECT_EQ(42, m.record_time);
   EXPECT_EQ("/cam", m.topic);

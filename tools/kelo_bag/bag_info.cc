@@ -46,7 +46,7 @@ double BagSummary::Topic::frequency() const {
   return static_cast<double>(messages - 1) / ((last_ms - first_ms) * 0.001);
 }
 
-bool SummarizeBag(const std::string& path, BagSummary* summary, std::string* error) {
+bool SummarizeBag(const std::string& path, bool verify, BagSummary* summary, std::string* error) {
   BagReader reader(path);
   const BagFileInfo info = reader.file_info();
   const std::string reader_error = reader.get_error();
@@ -66,23 +66,29 @@ bool SummarizeBag(const std::string& path, BagSummary* summary, std::string* err
     BagSummary::Topic& row = topics[{topic->name, topic->type}];
     row.name = topic->name;
     row.type = topic->type;
+    if (verify) continue;  // counted from the messages below
+    row.messages = topic->messages;
+    row.first_ms = topic->first_time;
+    row.last_ms = topic->last_time;
   }
-  bool first = true;
-  for (reader.seek(0); !reader.eof(); reader.next()) {
-    std::shared_ptr<BagMessage> m = reader.read();
-    if (m == nullptr) break;
-    BagSummary::Topic& row = topics[{m->topic, m->type}];
-    if (row.messages == 0) {
-      row.name = m->topic;
-      row.type = m->type;
-      row.first_ms = m->time;
+  if (verify) {
+    bool first = true;
+    for (reader.seek(0); !reader.eof(); reader.next()) {
+      std::shared_ptr<BagMessage> m = reader.read();
+      if (m == nullptr) break;
+      BagSummary::Topic& row = topics[{m->topic, m->type}];
+      if (row.messages == 0) row.first_ms = m->time;
+      ++row.messages;
+      row.last_ms = m->time;
+      if (first) s.start_ms = m->time;
+      s.end_ms = m->time;
+      first = false;
+      ++s.messages;
     }
-    ++row.messages;
-    row.last_ms = m->time;
-    if (first) s.start_ms = m->time;
-    s.end_ms = m->time;
-    first = false;
-    ++s.messages;
+  } else {
+    s.messages = reader.count();
+    s.start_ms = reader.start_time();
+    s.end_ms = reader.end_time();
   }
   for (auto& entry : topics) s.topics.push_back(std::move(entry.second));
   // Reading may find damage the summary did not show.
@@ -204,7 +210,8 @@ Json::Value SummaryJson(const BagSummary& s) {
   for (const auto& [topic, counts] : s.losses.by_topic()) {
     Json::Value& row = losses[topic] = Json::Value(Json::objectValue);
     for (int i = 0; i < kBagLossReasons; ++i) {
-      if (counts[i] > 0) row[BagLossReasonName(static_cast<BagLossReason>(i))] = static_cast<Json::UInt64>(counts[i]);
+      if (counts[i] > 0)
+        row[BagLossReasonName(static_cast<BagLossReason>(i))] = static_cast<Json::UInt64>(counts[i]);
     }
   }
   Json::Value& topics = v["topics"] = Json::Value(Json::arrayValue);

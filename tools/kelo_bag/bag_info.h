@@ -16,7 +16,7 @@ namespace cli {
 //
 //   BagSummary summary;
 //   std::string error;
-//   if (SummarizeBag("rec/bag_0.kelobag", &summary, &error)) std::cout << FormatSummary(summary);
+//   if (SummarizeBag("rec/bag_0.kelobag", false, &summary, &error)) std::cout << FormatSummary(summary);
 struct BagSummary {
   struct Topic {
     std::string name;
@@ -52,10 +52,12 @@ struct BagSummary {
   double duration_s() const { return (end_ms - start_ms) * 0.001; }
 };
 
-// Reads every message of the bag at `path`. False, with `error` set to the reader's one
-// line, when the file cannot be read as a bag at all; an unfinished or damaged bag is
-// summarized as far as it was read, with `recovered` set and `note` saying what was kept.
-bool SummarizeBag(const std::string& path, BagSummary* summary, std::string* error);
+// Describes the bag at `path` from its summary and indexes, without reading its messages;
+// with `verify`, reads every message, so that a chunk damaged since the file was written
+// is found (and left out of the counts). False, with `error` set to the reader's one line,
+// when the file cannot be read as a bag at all; an unfinished or damaged bag is summarized
+// as far as it was read, with `recovered` set and `note` saying what was kept.
+bool SummarizeBag(const std::string& path, bool verify, BagSummary* summary, std::string* error);
 
 // The bags as one recording: sizes, counts and chunks added, the time span of them all,
 // topic rows of one name and type joined.

@@ -26,7 +26,8 @@ BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime
 void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics) {
   auto namer = std::make_shared<LcmTypeNamer>();  // handlers run on one thread
   bus->Subscribe(topics, [record, namer](const LcmBus::Message& m) {
-    record->AppendMessage(static_cast<long>(m.recv_utime / 1000), m.channel, namer->TypeOf(m.channel, m.data, m.size),
+    record->AppendMessage(static_cast<long>(m.recv_utime / 1000), m.channel,
+                          namer->TypeOf(m.channel, m.data, m.size),
                           std::string(static_cast<const char*>(m.data), m.size));
   });
 }
@@ -77,14 +78,15 @@ bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes,
       break;
     }
     BagLosses topic;
-    for (int i = 0; i < kBagLossReasons; ++i) topic.Add(entry.first, static_cast<BagLossReason>(i), entry.second[i]);
+    for (int i = 0; i < kBagLossReasons; ++i)
+      topic.Add(entry.first, static_cast<BagLossReason>(i), entry.second[i]);
     std::printf("lost on %s: %s\n", entry.first.c_str(), topic.Describe().c_str());
   }
   for (const std::string& file : incomplete) {
     std::printf("could not complete %s; it stays readable as unfinished\n", file.c_str());
   }
-  const std::string total = verb + " " + std::to_string(messages) + " messages (" +
-                            FormatBytes(static_cast<double>(bytes)) + ")";
+  const std::string total =
+      verb + " " + std::to_string(messages) + " messages (" + FormatBytes(static_cast<double>(bytes)) + ")";
   if (losses.empty()) {
     std::printf("%s, none lost\n", total.c_str());
   } else {

@@ -78,12 +78,16 @@ InfoOpt::InfoOpt() : ToolsOptions("info", "describe bag files", "bag_file(s)", O
 
 void InfoOpt::register_opts() {
   register_opt("json", "print one JSON document instead of text", "", OptionInfo::kFlag);
+  register_opt("verify",
+               "read every message and check every chunk (default: describe from the summary, trusting it)",
+               "", OptionInfo::kFlag);
 }
 
 void InfoOpt::load_opts() {
   files.clear();
   for (const std::string& file : get_list(name())) files.push_back(file);
   json = get_bool("json");
+  verify = get_bool("verify");
 }
 
 std::string InfoOpt::Check() const { return files.empty() ? "give at least one bag file" : ""; }

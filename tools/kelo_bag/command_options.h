@@ -40,7 +40,7 @@ class PlayOpt : public ToolsOptions {
   std::string url;
 };
 
-// kelo_bag info FILE... [--json]
+// kelo_bag info FILE... [--json] [--verify]
 class InfoOpt : public ToolsOptions {
  public:
   InfoOpt();
@@ -50,6 +50,7 @@ class InfoOpt : public ToolsOptions {
 
   std::vector<std::string> files;
   bool json = false;
+  bool verify = false;  // read every message, not only the summary
 };
 
 // kelo_bag monitor [--once] [--json] [--wait MS] [--interface NAME]

@@ -135,7 +135,7 @@ std::vector<std::string> Describe(const std::string& directory, uint64_t* record
   for (const std::string& bag : bags) {
     BagSummary summary;
     std::string error;
-    if (!SummarizeBag(bag, &summary, &error)) {
+    if (!SummarizeBag(bag, true, &summary, &error)) {
       std::fprintf(stderr, "demo: %s\n", error.c_str());
       continue;
     }

@@ -30,7 +30,7 @@ int RunInfo(int argc, const char* const* argv) {
   for (const std::string& file : opt.files) {
     BagSummary summary;
     std::string error;
-    if (!SummarizeBag(file, &summary, &error)) {
+    if (!SummarizeBag(file, opt.verify, &summary, &error)) {
       std::fprintf(stderr, "info: %s\n", error.c_str());
       unusable = true;
       continue;

@@ -28,8 +28,9 @@ std::string FormatMonitorTable(const std::vector<RecordMonitorClient::Reply>& re
     const RecordStatus status = StatusOf(m);
     out += m.node_name() + " at " + reply.peer + ":" + std::to_string(reply.port) +
            (m.mode().empty() ? "" : " (" + m.mode() + ")") + "\n";
-    out += "  file " + (m.has_current_file() ? (m.current_file().empty() ? "(none open)" : m.current_file())
-                                              : m.file_name()) +
+    out += "  file " +
+           (m.has_current_file() ? (m.current_file().empty() ? "(none open)" : m.current_file())
+                                 : m.file_name()) +
            "\n";
     out += "  recording " + FormatClock(status.seconds) + "  queue " + std::to_string(status.queue) +
            "  lost " + std::to_string(status.lost) + "  " + FormatFixed(status.messages_per_second, 1) +

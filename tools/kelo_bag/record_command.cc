@@ -90,8 +90,8 @@ class CacheStatistics {
     total_.append(info);
   }
 
-  std::shared_ptr<tools::interactive::BagRecordMonitor> Snapshot(const RecordToolOpt& opt, BagRecordTrigger* writer,
-                                                                 long started_ms) {
+  std::shared_ptr<tools::interactive::BagRecordMonitor> Snapshot(const RecordToolOpt& opt,
+                                                                 BagRecordTrigger* writer, long started_ms) {
     const long now_ms = WallClockMs();
     auto monitor = std::make_shared<tools::interactive::BagRecordMonitor>();
     monitor->set_node_name(opt.node_name);
@@ -148,8 +148,8 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   LcmTypeNamer namer;
   bus->Subscribe(TopicList(opt), [&](const LcmBus::Message& m) {
     const long now_ms = WallClockMs();
-    writer.save_message(RecordedMessage(m.channel, m.recv_utime, namer.TypeOf(m.channel, m.data, m.size), m.data,
-                                        m.size, now_ms));
+    writer.save_message(RecordedMessage(m.channel, m.recv_utime, namer.TypeOf(m.channel, m.data, m.size),
+                                        m.data, m.size, now_ms));
     statistics.Add(m.channel, now_ms, m.size);
   });
   RecordMonitorService::Registration monitor = RecordMonitorService::Register(
@@ -186,8 +186,8 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   // Nothing is queued in trigger mode: every message went into the cache as it came.
   writer.close();
   const RecordStatus last = StatusOf(*statistics.Snapshot(opt, &writer, started_ms));
-  const bool whole =
-      ReportRecording("cached", last.messages, last.bytes, writer.losses()->Total(), writer.incomplete_files());
+  const bool whole = ReportRecording("cached", last.messages, last.bytes, writer.losses()->Total(),
+                                     writer.incomplete_files());
   return bus_ok && whole ? 0 : 1;
 }
 

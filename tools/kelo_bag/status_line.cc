@@ -40,9 +40,9 @@ std::string FormatRecordStatus(const RecordStatus& status, const std::string& ac
   char rate[64];
   std::snprintf(rate, sizeof(rate), "%.1f msg/s", status.messages_per_second);
   return activity + " " + FormatClock(status.seconds) + "  " + std::to_string(status.messages) + " msgs  " +
-         FormatBytes(static_cast<double>(status.bytes)) + "  " + std::to_string(status.lost) + " lost  (" + rate +
-         ", " + FormatByteRate(status.bytes_per_second) + ", queue " + std::to_string(status.queue) + ")" +
-         (status.problem.empty() ? "" : "  ! " + status.problem);
+         FormatBytes(static_cast<double>(status.bytes)) + "  " + std::to_string(status.lost) + " lost  (" +
+         rate + ", " + FormatByteRate(status.bytes_per_second) + ", queue " + std::to_string(status.queue) +
+         ")" + (status.problem.empty() ? "" : "  ! " + status.problem);
 }
 
 StatusLine::StatusLine(FILE* out, bool terminal) : out_(out), terminal_(terminal) {}

@@ -14,15 +14,15 @@ namespace cli {
 
 // What the record tool tells about a recording once a second.
 struct RecordStatus {
-  double seconds = 0;     // recording for
-  uint64_t messages = 0;  // taken
-  uint64_t bytes = 0;     // taken
-  int64_t drops = 0;      // dropped from the recorder's queue because the disk fell behind
-  uint64_t lost = 0;      // lost for any reason, the drops included
-  int64_t queue = 0;      // waiting to be written
+  double seconds = 0;              // recording for
+  uint64_t messages = 0;           // taken
+  uint64_t bytes = 0;              // taken
+  int64_t drops = 0;               // dropped from the recorder's queue because the disk fell behind
+  uint64_t lost = 0;               // lost for any reason, the drops included
+  int64_t queue = 0;               // waiting to be written
   double messages_per_second = 0;  // now: 0 once the traffic stopped
   double bytes_per_second = 0;
-  std::string problem;    // what fails, in a few words ("disk full"); "" while all is well
+  std::string problem;  // what fails, in a few words ("disk full"); "" while all is well
 };
 
 // The figures of a recorder's monitor snapshot: the messages are the sum over its topics.

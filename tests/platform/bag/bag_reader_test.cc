@@ -122,8 +122,9 @@ TEST(BagReaderTest, GivesBackWhatWasWrittenInTimeOrderWithTiesInWriteOrder) {
     EXPECT_EQ(expected.back().time, reader.end_time());
     std::vector<std::string> topics;
     for (const auto& t : reader.topics()) topics.push_back(t->name + ":" + t->type);
-    EXPECT_EQ((std::vector<std::string>{"/camera:kelo.Image", "/imu:kelo.Imu", "/state:kelo.V1", "/state:kelo.V2"}),
-              topics);
+    EXPECT_EQ(
+        (std::vector<std::string>{"/camera:kelo.Image", "/imu:kelo.Imu", "/state:kelo.V1", "/state:kelo.V2"}),
+        topics);
   }
 }
 
@@ -152,15 +153,14 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
 
 TEST(BagReaderTest, DescribesHowEachFileIsStored) {
   TempDir dir;
-  for (const auto& [compression, name] : {std::make_pair(BagCompression::kZstd, "zstd"),
-                                          std::make_pair(BagCompression::kLz4, "lz4"),
-                                          std::make_pair(BagCompression::kNone, "none")}) {
+  for (const auto& [compression, name] :
+       {std::make_pair(BagCompression::kZstd, "zstd"), std::make_pair(BagCompression::kLz4, "lz4"),
+        std::make_pair(BagCompression::kNone, "none")}) {
     BagWriterOptions options;
     options.compression = compression;
-    const BagFileInfo info =
-        BagReader(WriteBag(dir.file(std::string(name) + ".kelobag"), {Message("/log", 5, "T", std::string(20000, 'z'))},
-                           options))
-            .file_info();
+    const BagFileInfo info = BagReader(WriteBag(dir.file(std::string(name) + ".kelobag"),
+                                                {Message("/log", 5, "T", std::string(20000, 'z'))}, options))
+                                 .file_info();
     EXPECT_EQ(name, info.compression);
     EXPECT_EQ(1u, info.chunks);
     EXPECT_TRUE(info.indexed);
@@ -170,8 +170,8 @@ TEST(BagReaderTest, DescribesHowEachFileIsStored) {
   // What is not a bag: no messages, nothing described, and one line that names it.
   WriteFile(dir.file("text.kelobag"), "this is not a bag at all");
   ASSERT_EQ(0, ::mkfifo(dir.file("pipe.kelobag").c_str(), 0600));  // opening it must not wait for a writer
-  for (const std::string& path : {dir.file("missing.kelobag"), dir.file("text.kelobag"), dir.file("pipe.kelobag"),
-                                  dir.path()}) {
+  for (const std::string& path :
+       {dir.file("missing.kelobag"), dir.file("text.kelobag"), dir.file("pipe.kelobag"), dir.path()}) {
     BagReader reader(path);
     EXPECT_EQ(0u, reader.get_error().find(path + ": ")) << reader.get_error();
     EXPECT_TRUE(reader.eof());
@@ -208,8 +208,8 @@ TEST(BagReaderTest, ReadsAFileCutAnywhereUpToItsLastWholeChunkAndCountsTheRest) 
       EXPECT_FALSE(info.damaged);
       // At most what follows the last whole chunk was left unread.
       EXPECT_LE(info.unread_bytes, length - whole);
-      EXPECT_EQ(0u, reader.get_error().find(cut + ": recovered unfinished bag: kept " + std::to_string(expected) +
-                                            " messages"))
+      EXPECT_EQ(0u, reader.get_error().find(cut + ": recovered unfinished bag: kept " +
+                                            std::to_string(expected) + " messages"))
           << reader.get_error();
     }
   }
@@ -227,7 +227,8 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   // Indexed from its summary, or scanned as an unfinished file: the same messages come out.
   for (const std::string& name : {"damaged.kelobag", "damaged.kelobag.active"}) {
     const std::string path = dir.file(name);
-    WriteFile(path, name == std::string("damaged.kelobag") ? damaged : damaged.substr(0, bag.chunks.back().end));
+    WriteFile(path,
+              name == std::string("damaged.kelobag") ? damaged : damaged.substr(0, bag.chunks.back().end));
     BagReader reader(path);
     std::vector<BagMessage> expected = bag.messages;
     expected.erase(expected.begin() + static_cast<long>(bag.chunks[1].messages_so_far),
@@ -237,14 +238,15 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
     EXPECT_TRUE(info.damaged) << name;
     EXPECT_EQ(1u, info.damaged_chunks) << name;
     EXPECT_EQ(third_messages, info.lost_messages) << name;
-    EXPECT_NE(std::string::npos,
-              reader.get_error().find("1 chunk (" + std::to_string(third_messages) + " messages) could not be read"))
+    EXPECT_NE(std::string::npos, reader.get_error().find("1 chunk (" + std::to_string(third_messages) +
+                                                         " messages) could not be read"))
         << reader.get_error();
   }
 
   // Garbage over a chunk's framing: from the next sound chunk on, all is read again.
   std::string zeroed = bag.bytes.substr(0, bag.chunks.back().end);
-  std::fill(zeroed.begin() + static_cast<long>(third.begin), zeroed.begin() + static_cast<long>(third.begin) + 40, 0);
+  std::fill(zeroed.begin() + static_cast<long>(third.begin),
+            zeroed.begin() + static_cast<long>(third.begin) + 40, 0);
   WriteFile(dir.file("zeroed.kelobag.active"), zeroed);
   BagReader reader(dir.file("zeroed.kelobag.active"));
   const std::vector<BagMessage> got = ReadEverything(&reader);

@@ -180,7 +180,8 @@ TEST(BagWriterTest, AFolderRemovedWhileWritingLosesItsFileAndANewOneBeginsWhenIt
   writer.append_message(1, 1, "/a", "first", "T");
   WaitForFile(folder + "/bag.kelobag.active");
   struct stat st;
-  for (int i = 0; i < 10000 && ::stat((folder + "/bag.kelobag.active").c_str(), &st) == 0 && st.st_size < 100; ++i) {
+  for (int i = 0; i < 10000 && ::stat((folder + "/bag.kelobag.active").c_str(), &st) == 0 && st.st_size < 100;
+       ++i) {
     usleep(1000);  // until its chunk is written
   }
   testing::internal::CaptureStderr();
@@ -214,7 +215,8 @@ TEST(BagWriterTest, TimesABagCannotHoldAreCountedAndReportedOncePerEpisode) {
   ASSERT_EQ(1u, ReadAll(done).size());
   EXPECT_EQ("c", ReadAll(done)[0].data);
   size_t reports = 0;
-  for (size_t at = log.find("outside the times"); at != std::string::npos; at = log.find("outside the times", at + 1)) {
+  for (size_t at = log.find("outside the times"); at != std::string::npos;
+       at = log.find("outside the times", at + 1)) {
     ++reports;
   }
   EXPECT_EQ(2u, reports) << log;  // the second episode begins after "c" was stored

@@ -32,12 +32,10 @@ TEST(McapCodecTest, EncodesTheSmallestValidFileByteForByte) {
   AppendFooter(&file, {0, 0, 0x6FC4C9B0u});
   file.append(kMagic, kMagicSize);
   const unsigned char want[] = {
-      0x89, 'M', 'C', 'A', 'P', '0', '\r', '\n',
-      0x01, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-      0x0f, 4, 0, 0, 0, 0, 0, 0, 0, 0x73, 0xc3, 0xfa, 0xeb,
-      0x02, 20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-      0xb0, 0xc9, 0xc4, 0x6f,
-      0x89, 'M', 'C', 'A', 'P', '0', '\r', '\n'};
+      0x89, 'M', 'C', 'A', 'P', '0', '\r', '\n', 0x01, 8,    0,    0,   0,   0,   0,   0,    0,    0,    0,
+      0,    0,   0,   0,   0,   0,   0x0f, 4,    0,    0,    0,    0,   0,   0,   0,   0x73, 0xc3, 0xfa, 0xeb,
+      0x02, 20,  0,   0,   0,   0,   0,    0,    0,    0,    0,    0,   0,   0,   0,   0,    0,    0,    0,
+      0,    0,   0,   0,   0,   0,   0xb0, 0xc9, 0xc4, 0x6f, 0x89, 'M', 'C', 'A', 'P', '0',  '\r', '\n'};
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(want), sizeof(want)), file);
 }
 
@@ -94,21 +92,21 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
     ChunkCompressor compressor(c, 1);
     std::string stored, back, error;
     ASSERT_TRUE(compressor.Compress(records.data(), records.size(), &stored));
-    ASSERT_TRUE(decompressor.Decompress(CompressionName(c), stored.data(), stored.size(),
-                                        records.size(), &back, &error))
+    ASSERT_TRUE(decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), records.size(),
+                                        &back, &error))
         << error;
     EXPECT_EQ(records, back);
-    for (uint64_t claimed : {uint64_t{0}, uint64_t{records.size() - 1}, uint64_t{records.size() + 1},
-                             uint64_t{1} << 40}) {
-      EXPECT_FALSE(decompressor.Decompress(CompressionName(c), stored.data(), stored.size(),
-                                           claimed, &back, &error))
+    for (uint64_t claimed :
+         {uint64_t{0}, uint64_t{records.size() - 1}, uint64_t{records.size() + 1}, uint64_t{1} << 40}) {
+      EXPECT_FALSE(
+          decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), claimed, &back, &error))
           << claimed;
       // Memory follows what the stored bytes can really produce, not the claim.
       EXPECT_LE(back.capacity(), std::max<size_t>(2 << 20, 128 * stored.size()));
     }
     for (size_t cut = 0; cut < stored.size(); cut += 1 + stored.size() / 97) {
-      EXPECT_FALSE(decompressor.Decompress(CompressionName(c), stored.data(), cut,
-                                           records.size(), &back, &error))
+      EXPECT_FALSE(
+          decompressor.Decompress(CompressionName(c), stored.data(), cut, records.size(), &back, &error))
           << "cut at " << cut;
     }
   }

@@ -146,10 +146,11 @@ std::string Encode(const std::string& type, std::map<std::string, Json::Value> f
     return c;
   }
   if (type == "Message") {
-    mcap::AppendMessage(&c, {static_cast<uint16_t>(Number(f["channel_id"])),
-                             static_cast<uint32_t>(Number(f["sequence"])), Number(f["log_time"]),
-                             Number(f["publish_time"])},
-                        Bytes(f["data"]));
+    mcap::AppendMessage(
+        &c,
+        {static_cast<uint16_t>(Number(f["channel_id"])), static_cast<uint32_t>(Number(f["sequence"])),
+         Number(f["log_time"]), Number(f["publish_time"])},
+        Bytes(f["data"]));
     return c;
   }
   if (type == "Channel") {
@@ -279,8 +280,7 @@ bool Rebuild(const std::string& json_path, const std::string& features, std::str
       file.resize(file.size() - 4);
       mcap::PutU32(&file, crc);
       file.append(mcap::kMagic, mcap::kMagicSize);
-    } else if (!in_summary && chunked &&
-               (type == "Schema" || type == "Channel" || type == "Message")) {
+    } else if (!in_summary && chunked && (type == "Schema" || type == "Channel" || type == "Message")) {
       if (type == "Message") {
         const uint64_t t = Number(f["log_time"]);
         start = indexes.empty() ? t : std::min(start, t);
@@ -366,10 +366,9 @@ TEST(McapConformanceTest, ReadsSchemasChannelsAndMessagesOfEveryCorpusFile) {
 
     // The reader's order: by log time, ties in file order.
     std::vector<ExpectedMessage> ordered = want.messages;
-    std::stable_sort(ordered.begin(), ordered.end(),
-                     [](const ExpectedMessage& a, const ExpectedMessage& b) {
-                       return a.log_time < b.log_time;
-                     });
+    std::stable_sort(ordered.begin(), ordered.end(), [](const ExpectedMessage& a, const ExpectedMessage& b) {
+      return a.log_time < b.log_time;
+    });
     ASSERT_EQ(ordered.size(), index.messages.size());
     for (size_t i = 0; i < ordered.size(); ++i) {
       EXPECT_EQ(ordered[i].log_time, index.messages[i].log_time) << "message " << i;
