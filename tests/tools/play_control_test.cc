@@ -29,7 +29,8 @@ constexpr long kBegin = 1700000000000;
 // steps it, with the keys' control in between, remembering the timeline it shows.
 class Playback {
  public:
-  Playback(int start_s, int duration_s) {
+  // With `loop`, the loop key is pressed before playback starts.
+  Playback(int start_s, int duration_s, bool loop = false) {
     BagWriter writer(fileio::FilePath(dir_.file("ticks.kelobag.active")));
     writer.open("");
     for (long t = 0; t <= 20000; t += 100) writer.append_message(kBegin + t, 0, "/tick", "t", "t");
@@ -43,6 +44,7 @@ class Playback {
       shown_ = shown;
       if (bag_time > 0) ++batches_;
     });
+    if (loop) EXPECT_TRUE(control_->Apply(Key::kLoop));
     EXPECT_TRUE(play_->ControlPlay(start_s, duration_s));
     stepper_ = std::thread([this] {
       while (!stop_.load()) {
@@ -142,9 +144,7 @@ TEST(PlayControlTest, ArrowsSeekFiveSecondsWithinTheChosenRangeAndKeepThePause) 
 }
 
 TEST(PlayControlTest, LoopKeyMakesTheRangePlayAgain) {
-  Playback playback(0, 1);
-  EXPECT_FALSE(playback.control().loop());
-  EXPECT_TRUE(playback.control().Apply(Key::kLoop));
+  Playback playback(0, 1, true);
   EXPECT_TRUE(playback.control().loop());
   // The range holds 11 batches; looping, the player goes on past them.
   ASSERT_TRUE(WaitFor([&] { return playback.batches() > 25; }, 10000)) << playback.batches();
