@@ -7,10 +7,10 @@
 //             recorder as fast as it can, and that thread's rate with a query every 10 ms
 //             against none.
 //   split     messages lost at 200,000 messages/s of 100 B (message time = wall time)
-//             with 1 s parts against one file, three times each, in one run.
+//             with 1 s parts against one file, three times each (--runs), in one run.
 // The recorder opens the monitor's multicast server: run it in a private network namespace,
 //   tests/run_in_netns.sh build/release/bench/bench_record all
-// Usage: bench_record [latency|intake|monitor|split|all] [--dir DIR] [--seconds S] [--bytes N]
+// Usage: bench_record [latency|intake|monitor|split|all] [--dir DIR] [--seconds S] [--bytes N] [--runs N]
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -39,6 +39,7 @@ using Clock = std::chrono::steady_clock;
 std::string g_dir = "/tmp/kelo_bench_record";
 double g_seconds = 10.0;
 size_t g_only_bytes = 0;  // intake: measure this message size only (0: all)
+int g_runs = 3;           // split: runs of each
 
 void ClearDir() { std::system(("rm -rf '" + g_dir + "' && mkdir -p '" + g_dir + "'").c_str()); }
 
@@ -153,7 +154,7 @@ void Split() {
               g_seconds);
   std::printf("%6s %12s %12s\n", "run", "one_file", "1s_parts");
   long totals[2] = {0, 0};
-  for (int run = 1; run <= 3; ++run) {
+  for (int run = 1; run <= g_runs; ++run) {
     const long one = RunIntake(100, 200000, 0);
     const long parts = RunIntake(100, 200000, 1);
     totals[0] += one;
@@ -300,6 +301,7 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[i], "--dir") == 0) g_dir = argv[i + 1];
     if (std::strcmp(argv[i], "--seconds") == 0) g_seconds = std::atof(argv[i + 1]);
     if (std::strcmp(argv[i], "--bytes") == 0) g_only_bytes = std::strtoul(argv[i + 1], nullptr, 10);
+    if (std::strcmp(argv[i], "--runs") == 0) g_runs = std::atoi(argv[i + 1]);
   }
   if (mode == "latency" || mode == "all") Latency();
   if (mode == "intake" || mode == "all") Intake();

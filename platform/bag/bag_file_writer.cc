@@ -1,7 +1,9 @@
 #include "platform/bag/bag_file_writer.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #include <algorithm>
@@ -195,7 +197,16 @@ void BagFileWriter::Run() {
     failure_reason_ = IsNoSpace(created) ? BagLossReason::kDiskFull : BagLossReason::kWriteError;
   }
   created_cv_.notify_all();
+  bool yielding = false;
   for (;;) {
+    if (stopping_ && !yielding) {
+      // Completing a file can wait; the thread that takes messages must not. Splitting a
+      // recording then costs it nothing but the swap of files.
+      yielding = true;
+      if (setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10) != 0) {
+        // It completes at the normal priority.
+      }
+    }
     if (!queue_.empty()) {
       // A chunk that failed waits for its next try; any chunk waits for the write limit.
       const Clock::time_point not_before = failing_ ? std::max(retry_at_, next_write_at_) : next_write_at_;

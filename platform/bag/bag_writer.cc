@@ -1,6 +1,9 @@
 #include "platform/bag/bag_writer.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <limits>
@@ -178,6 +181,11 @@ void BagWriter::WaitForBackground() {
 
 void BagWriter::RunCompleter() {
   pthread_setname_np(pthread_self(), "bag_complete");
+  // Completing a part can wait: it yields to those that take and write messages, which must
+  // not fall behind while it runs.
+  if (setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10) != 0) {
+    // Left at the normal priority; only the order of work changes.
+  }
   std::unique_lock<std::mutex> lock(mu_);
   for (;;) {
     completer_cv_.wait(lock, [this] { return completer_stop_ || !to_complete_.empty(); });
