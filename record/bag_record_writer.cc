@@ -11,6 +11,7 @@
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
 #include "platform/space/file_space_manager.h"
+#include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_record_node_api.h"
 #include "record/bag_record_options.h"
 #include "record/wall_clock.h"
@@ -122,12 +123,33 @@ BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePa
     });
   }
   trigger_api_ = new TriggerRecordNodeApi("bag_record", opt.node_name, path, delay);
-  trigger_api_->SetNotifyCallback([this](const std::string& notice) {
-    if (space_manager_ != nullptr)
-      space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
-    trigger_api_->ReportSaved(notice, save(notice));
-  });
+  // A trigger whose window the cache no longer reaches is refused at once, with the reason.
+  trigger_api_->SetTriggerCheck([cache](long time_ms) { return cache->WhyNothingToSave(time_ms); });
+  trigger_api_->SetNotifyCallback([this](const std::string& notice) { OnNotice(notice); });
 }
+
+void BagRecordTrigger::OnNotice(const std::string& notice) {
+  const auto now = std::chrono::steady_clock::now();
+  while (!saves_.empty() && now - saves_.front() > std::chrono::minutes(1)) saves_.pop_front();
+  if (saves_.size() >= kMaxSavesPerMinute) {
+    if (!flooded_) {
+      Report("more than " + std::to_string(kMaxSavesPerMinute) +
+             " triggers in a minute: saving nothing more for now, so that the folder budget deletes no bag for "
+             "them");
+    }
+    flooded_ = true;
+    trigger_api_->ReportSaved(notice, "", "too many triggers in the last minute");
+    return;
+  }
+  flooded_ = false;
+  saves_.push_back(now);
+  if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
+  const std::string saved = save(notice);
+  trigger_api_->ReportSaved(notice, saved,
+                            saved.empty() ? "no message in the window, or the file could not be completed" : "");
+}
+
+void BagRecordTrigger::set_trigger_key(const std::string& key) { trigger_api_->SetKey(TriggerKey(key)); }
 
 BagRecordTrigger::~BagRecordTrigger() {
   delete trigger_api_;

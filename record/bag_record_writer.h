@@ -2,6 +2,8 @@
 #define KELO_RECORD_BAG_RECORD_WRITER_H_
 
 #include <atomic>
+#include <chrono>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -143,16 +145,27 @@ class BagRecordTrigger : public BagRecordWriter {
 
   // Makes `on_report` receive, on the trigger service's thread, one line for each file the
   // folder budget deletes: "deleted <path> (<n> bytes) to keep <dir> within its <m> MB
-  // budget". Without one, the lines go to standard output. May be called from any thread.
+  // budget", and one when a flood of triggers begins to be turned away. Without one, the
+  // lines go to standard output. May be called from any thread.
   void set_on_report(std::function<void(const std::string& line)> on_report);
+
+  // Takes only triggers signed with `key` from now on ("": any). May be called from any thread.
+  void set_trigger_key(const std::string& key);
+
+  // At most this many files are saved in any minute; beyond, a trigger saves nothing, so
+  // that a flood of triggers never makes the folder budget delete bags.
+  static constexpr size_t kMaxSavesPerMinute = 30;
 
  private:
   void Report(const std::string& line);
+  void OnNotice(const std::string& notice);
 
   FileSpaceManager* space_manager_;    // owned; null when the folder is not managed
   TriggerRecordNodeApi* trigger_api_;  // owned
   std::mutex report_mutex_;
   std::function<void(const std::string&)> on_report_;
+  std::deque<std::chrono::steady_clock::time_point> saves_;  // notice thread only
+  bool flooded_ = false;                                     // notice thread only
 };
 
 }  // namespace kelo

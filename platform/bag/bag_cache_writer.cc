@@ -137,6 +137,14 @@ std::string BagCacheWriter::save_file(const std::string& notice) {
 
 std::string BagCacheWriter::close() { return ""; }
 
+std::string BagCacheWriter::WhyNothingToSave(long trigger_ms) {
+  const long end = AddSeconds(AddSeconds(trigger_ms, reserve_, -1), duration_, +1);
+  std::lock_guard<std::mutex> lock(mu_);
+  if (cache_.empty() || end >= cache_.front().time) return "";
+  return "its window ended " + std::to_string((cache_.front().time - end) / 1000) +
+         " s before the oldest message cached";
+}
+
 bool BagCacheWriter::IsSavedName(const std::string& name) const {
   const BagFileName saved = BagFileName::ForPart(path().GetFullPath(), "");
   const std::string base = fileio::FilePath(saved.stem).GetName() + "_";

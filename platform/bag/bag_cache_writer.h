@@ -74,6 +74,10 @@ class BagCacheWriter : public BagWriter {
   // recording stopped saves its window.
   std::string close() override;
 
+  // "" when the cache may still hold messages of the window of a trigger at `trigger_ms`;
+  // otherwise why it cannot: the window ended before the oldest message cached.
+  std::string WhyNothingToSave(long trigger_ms);
+
   // Whether `name`, a file name without its folder, is a name save_file() gives its files
   // ("<base>_<14 digits>[_<label>][-<n>].kelobag"), so that nothing else is taken for one.
   bool IsSavedName(const std::string& name) const;

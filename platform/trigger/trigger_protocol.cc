@@ -6,9 +6,21 @@
 namespace kelo {
 namespace trigger_protocol {
 
+namespace {
+
+// A field appended by a later version: absent (or unreadable) is "".
+std::string Optional(MemoryStream* in) {
+  std::string value;
+  if (in->remaining() == 0 || !in->read_string(&value)) return "";
+  return value;
+}
+
+}  // namespace
+
 void Encode(const TriggerEvent& event, UdpMessage* message) {
   message->write_int64(event.time_ms);
   message->write_string(event.label);
+  message->write_string(event.mac);
 }
 
 void Encode(const TriggerAck& ack, UdpMessage* message) {
@@ -17,6 +29,7 @@ void Encode(const TriggerAck& ack, UdpMessage* message) {
   message->write_uint32(ack.instance);
   message->write_int64(ack.due_ms);
   message->write_string(ack.directory);
+  message->write_string(ack.refused);
 }
 
 void Encode(const TriggerDone& done, UdpMessage* message) {
@@ -24,6 +37,7 @@ void Encode(const TriggerDone& done, UdpMessage* message) {
   message->write_string(done.node);
   message->write_uint32(done.instance);
   message->write_string(done.file);
+  message->write_string(done.why);
 }
 
 bool Decode(const std::string& body, TriggerEvent* event) {
@@ -35,6 +49,7 @@ bool Decode(const std::string& body, TriggerEvent* event) {
   if (!notice.IsValid()) return false;
   event->time_ms = notice.time_ms;
   event->label = notice.label;
+  event->mac = Optional(&in);
   return true;
 }
 
@@ -47,6 +62,7 @@ bool Decode(const std::string& body, TriggerAck* ack) {
     return false;
   }
   a.due_ms = due_ms;
+  a.refused = Optional(&in);
   *ack = a;
   return true;
 }
@@ -58,6 +74,7 @@ bool Decode(const std::string& body, TriggerDone* done) {
       !in.read_string(&d.file)) {
     return false;
   }
+  d.why = Optional(&in);
   *done = d;
   return true;
 }

@@ -29,31 +29,37 @@ constexpr char kTriggerAckKey[] = "trigger_record_ack";
 constexpr char kTriggerDoneKey[] = "trigger_record_done";
 
 // A trigger: int64 time_ms (ms since the epoch, 0 to TriggerNotice::kMaxTimeMs), string label
-// (a valid TriggerNotice label).
+// (a valid TriggerNotice label), string mac (TriggerKey signature; "" when unsigned, and
+// absent from senders that do not sign).
 struct TriggerEvent {
   long time_ms = 0;
   std::string label;
+  std::string mac;
 };
 
 // "This node will send its notice at due_ms": string name (the service the node belongs to,
 // e.g. "bag_record"), string node (the node's name), uint32 instance (tells apart nodes of
 // one process that share a name), int64 due_ms (wall clock ms since the epoch), string
-// directory (where the node saves its files).
+// directory (where the node saves its files), string refused ("" when the node took the
+// trigger; otherwise why not, and no final reply follows; absent from older nodes).
 struct TriggerAck {
   std::string name;
   std::string node;
   uint32_t instance = 0;
   long due_ms = 0;
   std::string directory;
+  std::string refused;
 };
 
 // "This node's notice is done": string name, string node, uint32 instance (as in the
-// acknowledgement), string file (what the node saved for this trigger; "" for nothing).
+// acknowledgement), string file (what the node saved for this trigger; "" for nothing),
+// string why (when nothing was saved, why, when the node knows; may be absent).
 struct TriggerDone {
   std::string name;
   std::string node;
   uint32_t instance = 0;
   std::string file;
+  std::string why;
 };
 
 void Encode(const TriggerEvent& event, UdpMessage* message);

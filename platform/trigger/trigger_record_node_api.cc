@@ -13,7 +13,9 @@
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
+#include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_node_registry.h"
 #include "platform/trigger/trigger_notice.h"
 #include "platform/trigger/trigger_protocol.h"
@@ -23,9 +25,21 @@ namespace kelo {
 
 namespace {
 
-// A node that falls this far behind (triggers far in the future, or a callback that never
-// returns) turns further triggers away rather than grow without bound.
+// A node that falls this far behind (a callback that never returns) turns further triggers
+// away rather than grow without bound.
 constexpr size_t kMaxPendingNotices = 1024;
+// No sender may hold more than this many of them, so none can fill the queue.
+constexpr int kMaxPendingPerSender = 16;
+// Each sender may send this many triggers in a burst, and this many a second after it.
+constexpr double kSenderBurst = 10;
+constexpr double kSenderPerSecond = 5;
+// A trigger dated further ahead of this node's clock than this is refused: clocks of one
+// site agree better, and such a trigger would hold a place in the queue for long.
+constexpr long kMaxAheadMs = 10000;
+// How long, and how many, notices done are remembered, so that the same trigger sent again
+// later (a retry, a replay) is answered with what was saved rather than saved twice.
+constexpr auto kRememberDone = std::chrono::minutes(5);
+constexpr size_t kMaxRemembered = 1024;
 // Waits are cut into slices so that a wall clock set forward is noticed soon.
 constexpr long kMaxWaitSliceMs = 1000;
 
@@ -48,6 +62,12 @@ std::atomic<uint32_t> next_instance{1};
 }  // namespace
 
 class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
+  struct Replier {
+    std::string peer;
+    int port = 0;
+    UdpMessage reply;  // the final reply, already addressed as an answer to the event
+  };
+
  public:
   Node(const std::string& name, const std::string& node_name, const std::string& directory,
        unsigned int duration)
@@ -71,7 +91,7 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
     wake_.notify_all();
     thread_.join();
     // Whoever waits for these would otherwise wait until its timeout.
-    for (auto& entry : pending_) SendDone(&entry.second, "");
+    for (auto& entry : pending_) SendDone(&entry.second, "", "the node is going away");
   }
 
   void OnTrigger(const std::string& peer, int port, const UdpMessage& event,
@@ -79,32 +99,55 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
     TriggerNotice notice;
     notice.time_ms = trigger.time_ms;
     notice.label = trigger.label;
-    Pending p;
-    p.notice = notice.ToText();
-    p.peer = peer;
-    p.port = port;
-    p.reply = event.create_recv(trigger_protocol::kTriggerDoneKey);
-    const long due_ms = trigger.time_ms + duration_ms_;
+    const std::string text = notice.ToText();
+    const std::string sender = peer + ":" + std::to_string(port);
+    long due_ms = trigger.time_ms + duration_ms_;
+    std::string refused;
     {
       std::lock_guard<std::mutex> lock(mu_);
       if (stop_) return;
-      if (pending_.size() >= kMaxPendingNotices) {
-        if (!overflow_reported_) {
-          std::fprintf(stderr, "trigger: node %s has %zu notices pending; turning away trigger \"%s\"\n",
-                       node_name_.c_str(), pending_.size(), p.notice.c_str());
-          overflow_reported_ = true;
-        }
-        SendDone(&p, "");
+      Pending* same = nullptr;
+      for (auto& entry : pending_) {
+        if (entry.second.notice == text) same = &entry.second;
+      }
+      Forget();
+      auto done = done_.find(text);
+      if (same == nullptr && done != done_.end()) {
+        // Done already: told at once what came of it.
+        UdpMessage ack = event.create_recv(trigger_protocol::kTriggerAckKey);
+        trigger_protocol::Encode(
+            trigger_protocol::TriggerAck{name_, node_name_, instance_, done->second.due_ms, directory_, ""}, &ack);
+        server_->send_data(peer, port, ack);
+        Pending again;
+        again.repliers.push_back({peer, port, event.create_recv(trigger_protocol::kTriggerDoneKey)});
+        SendDone(&again, done->second.file, done->second.why);
         return;
       }
-      overflow_reported_ = false;
+      if (same != nullptr) {
+        // The same trigger again (a retry, or a replay): answered with the one notice.
+        due_ms = same->due_ms;
+        if (same->repliers.size() < static_cast<size_t>(kMaxPendingPerSender)) {
+          same->repliers.push_back({peer, port, event.create_recv(trigger_protocol::kTriggerDoneKey)});
+        }
+      } else {
+        refused = Refusal(sender, trigger);
+        if (refused.empty()) {
+          Pending p;
+          p.notice = text;
+          p.due_ms = due_ms;
+          p.senders.push_back(sender);
+          p.repliers.push_back({peer, port, event.create_recv(trigger_protocol::kTriggerDoneKey)});
+          ++senders_[sender].pending;
+          pending_.emplace(std::make_pair(due_ms, next_sequence_++), std::move(p));
+        }
+      }
       UdpMessage ack = event.create_recv(trigger_protocol::kTriggerAckKey);
-      trigger_protocol::Encode(trigger_protocol::TriggerAck{name_, node_name_, instance_, due_ms, directory_},
-                               &ack);
+      trigger_protocol::Encode(
+          trigger_protocol::TriggerAck{name_, node_name_, instance_, refused.empty() ? due_ms : 0, directory_, refused},
+          &ack);
       server_->send_data(peer, port, ack);
-      pending_.emplace(std::make_pair(due_ms, next_sequence_++), std::move(p));
     }
-    wake_.notify_all();
+    if (refused.empty()) wake_.notify_all();
   }
 
   void SetCallback(std::function<void(const std::string&)> callback) {
@@ -112,19 +155,83 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
     callback_.swap(callback);
   }
 
-  void ReportSaved(const std::string& notice, const std::string& file) {
+  void SetKey(const TriggerKey& key) {
+    std::lock_guard<std::mutex> lock(mu_);
+    key_ = key;
+  }
+
+  void SetCheck(std::function<std::string(long)> check) {
+    std::lock_guard<std::mutex> lock(mu_);
+    check_.swap(check);
+  }
+
+  void ReportSaved(const std::string& notice, const std::string& file, const std::string& why) {
     const std::string absolute = Absolute(file);
     std::lock_guard<std::mutex> lock(mu_);
-    if (in_notice_ && notice == current_notice_) reported_file_ = absolute;
+    if (in_notice_ && notice == current_notice_) {
+      reported_file_ = absolute;
+      reported_why_ = why;
+    }
   }
 
  private:
   struct Pending {
     std::string notice;
-    std::string peer;
-    int port = 0;
-    UdpMessage reply;  // the final reply, already addressed as an answer to the event
+    long due_ms = 0;
+    std::vector<std::string> senders;  // whose pending count it holds
+    std::vector<Replier> repliers;     // everyone who sent it
   };
+
+  struct Sender {
+    double tokens = kSenderBurst;
+    std::chrono::steady_clock::time_point refilled = std::chrono::steady_clock::now();
+    int pending = 0;
+  };
+
+  struct Done {
+    long due_ms;
+    std::string file, why;
+    std::chrono::steady_clock::time_point forget_at;
+  };
+
+  // Drops what need not be remembered any more; mu_ held.
+  void Forget() {
+    const auto now = std::chrono::steady_clock::now();
+    for (auto it = done_.begin(); it != done_.end();) {
+      it = (it->second.forget_at < now || done_.size() > kMaxRemembered) ? done_.erase(it) : std::next(it);
+    }
+  }
+
+  // Why a new trigger from `sender` is not taken, or ""; mu_ held.
+  std::string Refusal(const std::string& sender, const trigger_protocol::TriggerEvent& trigger) {
+    if (!key_.empty() && !key_.Verify(trigger.time_ms, trigger.label, trigger.mac)) {
+      return "not signed with this node's trigger key";
+    }
+    const long ahead_ms = trigger.time_ms - WallClockMs();
+    if (ahead_ms > kMaxAheadMs) {
+      return "dated " + std::to_string(ahead_ms / 1000) + " s ahead of this node's clock";
+    }
+    if (senders_.size() > 4096) {
+      // Forget senders that hold nothing: a flood from many sockets must not grow this.
+      for (auto it = senders_.begin(); it != senders_.end();) {
+        it = it->second.pending == 0 ? senders_.erase(it) : std::next(it);
+      }
+    }
+    Sender& s = senders_[sender];
+    const auto now = std::chrono::steady_clock::now();
+    s.tokens = std::min(kSenderBurst, s.tokens + kSenderPerSecond * std::chrono::duration<double>(now - s.refilled).count());
+    s.refilled = now;
+    if (s.pending >= kMaxPendingPerSender || s.tokens < 1) return "too many triggers from " + sender;
+    if (pending_.size() >= kMaxPendingNotices) {
+      return std::to_string(pending_.size()) + " notices are pending already";
+    }
+    if (check_) {
+      const std::string why = check_(trigger.time_ms);
+      if (!why.empty()) return why;
+    }
+    s.tokens -= 1;
+    return "";
+  }
 
   void Run() {
     pthread_setname_np(pthread_self(), "trigger_notice");
@@ -141,9 +248,11 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
       }
       Pending p = std::move(pending_.begin()->second);
       pending_.erase(pending_.begin());
+      for (const std::string& sender : p.senders) --senders_[sender].pending;
       in_notice_ = true;
       current_notice_ = p.notice;
       reported_file_.clear();
+      reported_why_.clear();
       std::function<void(const std::string&)> callback = callback_;
       lock.unlock();
       Notify(callback, p.notice);
@@ -151,8 +260,10 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
       lock.lock();
       in_notice_ = false;
       const std::string file = reported_file_;
+      const std::string why = reported_why_;
+      done_[p.notice] = Done{p.due_ms, file, why, std::chrono::steady_clock::now() + kRememberDone};
       lock.unlock();
-      SendDone(&p, file);
+      SendDone(&p, file, why);
       lock.lock();
     }
   }
@@ -170,9 +281,11 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
     }
   }
 
-  void SendDone(Pending* p, const std::string& file) {
-    trigger_protocol::Encode(trigger_protocol::TriggerDone{name_, node_name_, instance_, file}, &p->reply);
-    server_->send_data(p->peer, p->port, p->reply);
+  void SendDone(Pending* p, const std::string& file, const std::string& why) {
+    for (Replier& r : p->repliers) {
+      trigger_protocol::Encode(trigger_protocol::TriggerDone{name_, node_name_, instance_, file, why}, &r.reply);
+      server_->send_data(r.peer, r.port, r.reply);
+    }
   }
 
   const std::string name_;
@@ -186,13 +299,17 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
   std::mutex mu_;  // guards the members below
   std::condition_variable wake_;
   std::map<std::pair<long, uint64_t>, Pending> pending_;  // (due_ms, arrival) -> notice
+  std::map<std::string, Sender> senders_;                 // by "peer:port"
+  std::map<std::string, Done> done_;                      // by notice text
   uint64_t next_sequence_ = 0;
   bool stop_ = false;
-  bool overflow_reported_ = false;
+  TriggerKey key_;
+  std::function<std::string(long)> check_;
   std::function<void(const std::string&)> callback_;
   bool in_notice_ = false;
   std::string current_notice_;
   std::string reported_file_;
+  std::string reported_why_;
 
   std::thread thread_;
 };
@@ -207,8 +324,14 @@ void TriggerRecordNodeApi::SetNotifyCallback(std::function<void(const std::strin
   node_->SetCallback(std::move(callback));
 }
 
-void TriggerRecordNodeApi::ReportSaved(const std::string& notice, const std::string& file) {
-  node_->ReportSaved(notice, file);
+void TriggerRecordNodeApi::ReportSaved(const std::string& notice, const std::string& file, const std::string& why) {
+  node_->ReportSaved(notice, file, why);
+}
+
+void TriggerRecordNodeApi::SetKey(const TriggerKey& key) { node_->SetKey(key); }
+
+void TriggerRecordNodeApi::SetTriggerCheck(std::function<std::string(long time_ms)> check) {
+  node_->SetCheck(std::move(check));
 }
 
 }  // namespace kelo

@@ -9,6 +9,8 @@
 
 namespace kelo {
 
+class TriggerKey;
+
 // A recording node of the trigger service. Every trigger sent to the recorders' cast group
 // (224.0.0.88:2801, see trigger_protocol.h) reaches every node, in this process and in
 // others; each node waits until its own `duration` seconds after the trigger's time and then
@@ -24,6 +26,13 @@ namespace kelo {
 // answers again after the notice (with the file reported, if any). Notices come on the
 // node's own thread, one at a time, in the order of their due times (ties in arrival order),
 // never before their due time. Any number of nodes may live in one process.
+//
+// A node is open to any process that can reach the group, so it guards itself: the same
+// trigger sent again (a retry, a replay) joins the notice already pending; a trigger dated
+// more than 10 s ahead of the node's clock, one a sender sends beyond its rate (a burst of
+// 10, then 5 a second) or while 16 of its own are pending, one without the node's key's
+// signature (SetKey), and one the owner's check refuses (SetTriggerCheck) are refused, and
+// the sender learns why in the acknowledgement.
 class TriggerRecordNodeApi {
  public:
   // Joins the service as node `node_name` of `name` (the kind of program, e.g. "bag_record",
@@ -48,12 +57,21 @@ class TriggerRecordNodeApi {
   // any thread, the callback included; a notice already running keeps its callback.
   void SetNotifyCallback(std::function<void(const std::string&)> callback);
 
-  // Says that this node saved `file` for `notice` ("" for nothing); the node's final reply
-  // to the trigger's sender carries it, made absolute against the current directory when it
-  // is relative. Takes effect only while the callback for `notice` is running (normally it
-  // is called from that callback); otherwise it does nothing. The last call wins. May be
-  // called from any thread.
-  void ReportSaved(const std::string& notice, const std::string& file);
+  // Says that this node saved `file` for `notice` ("" for nothing, and then `why`, when
+  // known); the node's final reply to the trigger's sender carries it, a file made absolute
+  // against the current directory when it is relative. Takes effect only while the callback
+  // for `notice` is running (normally it is called from that callback); otherwise it does
+  // nothing. The last call wins. May be called from any thread.
+  void ReportSaved(const std::string& notice, const std::string& file, const std::string& why = "");
+
+  // From now on takes only triggers signed with `key` (none: any). May be called from any
+  // thread.
+  void SetKey(const TriggerKey& key);
+
+  // From now on asks `check` about every new trigger (its time, ms), on the cast library's
+  // receive thread: "" takes it, anything else is why it is refused. It must not block.
+  // May be called from any thread.
+  void SetTriggerCheck(std::function<std::string(long time_ms)> check);
 
  private:
   class Node;

@@ -47,7 +47,9 @@ std::vector<TriggerSender::NodeResult> TriggerSender::Send(const std::string& la
   }
   time_ms_ = notice.time_ms;
   UdpMessage event(trigger_protocol::kTriggerEventKey);
-  trigger_protocol::Encode(trigger_protocol::TriggerEvent{notice.time_ms, notice.label}, &event);
+  trigger_protocol::Encode(
+      trigger_protocol::TriggerEvent{notice.time_ms, notice.label, options_.key.Sign(notice.time_ms, notice.label)},
+      &event);
 
   const Clock::time_point start = Clock::now();
   const long timeout = std::max(timeout_ms, 0);
@@ -82,6 +84,8 @@ std::vector<TriggerSender::NodeResult> TriggerSender::Send(const std::string& la
       r.node = ack.node;
       r.directory = ack.directory;
       r.due_ms = ack.due_ms;
+      r.refused = ack.refused;
+      if (!r.refused.empty()) r.answered = true;  // nothing more comes
       // Anything later than our own timeout is cut by it anyway; clamping keeps the
       // arithmetic in range whatever a node announces.
       const long in_ms = std::min(std::max(ack.due_ms - WallClockMs(), 0L), timeout);
@@ -95,6 +99,7 @@ std::vector<TriggerSender::NodeResult> TriggerSender::Send(const std::string& la
       r.node = done.node;
       r.answered = true;
       r.file = done.file;
+      r.why = done.why;
       r.saved = !done.file.empty();
     } else {
       return true;

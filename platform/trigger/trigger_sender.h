@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_protocol.h"
 
 namespace kelo {
@@ -30,6 +31,8 @@ class TriggerSender {
     int ack_window_ms = 1000;
     // How long after a node's due time its final reply may take (saving a file takes time).
     int reply_margin_ms = 10000;
+    // Signs the trigger, for nodes that take only signed ones (TriggerRecordNodeApi::SetKey).
+    TriggerKey key;
   };
 
   struct NodeResult {
@@ -42,6 +45,8 @@ class TriggerSender {
     bool answered = false;  // its final reply came in time
     bool saved = false;     // its final reply named a file
     std::string file;       // the file it saved, "" for none
+    std::string why;        // why it saved nothing, when it said
+    std::string refused;    // why it refused the trigger ("" when it took it); then no final reply comes
   };
 
   TriggerSender();

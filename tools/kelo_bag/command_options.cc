@@ -124,12 +124,15 @@ void TriggerOpt::register_opts() {
                OptionInfo::kInt);
   register_opt("interface", "network interface to send on (default: loopback only)", "name",
                OptionInfo::kString);
+  register_opt("key", "sign the trigger with this shared key, for recorders started with --trigger-key", "key",
+               OptionInfo::kString);
 }
 
 void TriggerOpt::load_opts() {
   label = get_string("label", "");
   wait_s = get_int("wait", 0);
   interface = get_string("interface", "");
+  key = get_string("key", "");
 }
 
 std::string TriggerOpt::Check() const {

@@ -67,7 +67,7 @@ class MonitorOpt : public ToolsOptions {
   std::string interface;
 };
 
-// kelo_bag trigger [--label X] [--wait S] [--interface NAME]
+// kelo_bag trigger [--label X] [--wait S] [--interface NAME] [--key KEY]
 class TriggerOpt : public ToolsOptions {
  public:
   TriggerOpt();
@@ -78,6 +78,7 @@ class TriggerOpt : public ToolsOptions {
   std::string label;
   int wait_s = 0;  // 0: as long as the nodes that answered say they need
   std::string interface;
+  std::string key;  // signs the trigger for recorders started with --trigger-key
 };
 
 // kelo_bag demo [DIR]

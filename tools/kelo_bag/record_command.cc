@@ -141,6 +141,7 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   };
   writer.set_on_save([&print](const std::string& saved) { print("trigger bag: " + saved); });
   writer.set_on_report(print);
+  writer.set_trigger_key(opt.trigger_key);
 
   // The writer is fed on this thread; the statistics are read here and by monitor queries.
   CacheStatistics statistics;

@@ -10,6 +10,10 @@ void RecordToolOpt::register_opts() {
   register_opt("interface", "network interface for monitor and trigger traffic (default: loopback only)",
                "name", OptionInfo::kString);
   register_opt("compression", "chunk compression: zstd (default), lz4 or none", "kind", OptionInfo::kString);
+  register_opt("trigger-key",
+               "trigger mode: take only triggers signed with this shared key (kelo_bag trigger --key); "
+               "default: any trigger",
+               "key", OptionInfo::kString);
 }
 
 void RecordToolOpt::load_opts() {
@@ -17,6 +21,7 @@ void RecordToolOpt::load_opts() {
   url = get_string("url", "");
   interface = get_string("interface", "");
   compression = get_string("compression", "zstd");
+  trigger_key = get_string("trigger-key", "");
 }
 
 std::string RecordToolOpt::Check() const {
@@ -27,7 +32,7 @@ std::string RecordToolOpt::Check() const {
   }
   if (split_time < 0) return "--split_time must not be negative";
   if (!trigger) {
-    for (const char* option : {"reserve", "duration", "cache", "folder_size"}) {
+    for (const char* option : {"reserve", "duration", "cache", "folder_size", "trigger-key"}) {
       if (!get_string(option, "").empty()) return std::string("--") + option + " is for --trigger mode";
     }
     if (nospacelimit) return "--nospacelimit is for --trigger mode";

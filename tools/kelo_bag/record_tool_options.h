@@ -32,6 +32,7 @@ class RecordToolOpt : public BagRecordOpt {
   std::string url;          // "" for LCM's default
   std::string interface;    // "" for loopback
   std::string compression;  // "zstd", "lz4" or "none"
+  std::string trigger_key;  // trigger mode: take only triggers signed with it ("": any)
 };
 
 }  // namespace cli

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_notice.h"
 #include "platform/trigger/trigger_sender.h"
 #include "platform/udp/udp_cast_manager.h"
@@ -46,7 +47,9 @@ int RunTrigger(int argc, const char* const* argv) {
   std::printf("sending trigger%s%s; waiting for the recorders to save...\n", opt.label.empty() ? "" : " ",
               opt.label.c_str());
   std::fflush(stdout);
-  TriggerSender sender;
+  TriggerSender::Options options;
+  options.key = TriggerKey(opt.key);
+  TriggerSender sender(options);
   const std::vector<TriggerSender::NodeResult> results =
       sender.Send(opt.label, 0, opt.wait_s > 0 ? opt.wait_s * 1000 : kDefaultTimeoutMs);
   if (!sender.error().empty()) {
@@ -65,8 +68,10 @@ int RunTrigger(int argc, const char* const* argv) {
     if (r.saved) {
       what = "saved " + r.file;
       ++saved;
+    } else if (!r.refused.empty()) {
+      what = "refused the trigger: " + r.refused;
     } else if (r.answered) {
-      what = "saved nothing (no message in the window)";
+      what = "saved nothing (" + (r.why.empty() ? std::string("no message in the window") : r.why) + ")";
     } else {
       what = "did not say what it saved in time";
     }
@@ -74,7 +79,7 @@ int RunTrigger(int argc, const char* const* argv) {
   }
   std::printf("%zu of %zu recorders saved a file\n", saved, results.size());
   std::fflush(stdout);
-  return 0;
+  return saved == results.size() ? kExitOk : kExitLost;
 }
 
 }  // namespace cli

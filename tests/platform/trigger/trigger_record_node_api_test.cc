@@ -15,8 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_notice.h"
 #include "platform/trigger/trigger_protocol.h"
 #include "platform/trigger/trigger_sender.h"
@@ -227,6 +229,71 @@ TEST(TriggerRecordNodeApiTest, GarbageOnTheGroupIsIgnoredAndTheNextTriggerStillA
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].notice, (TriggerNotice{now, "garbage_valid"}.ToText()));
   EXPECT_EQ(got[1].notice, (TriggerNotice{now, "garbage_valid_again"}.ToText()));
+}
+
+// A node open to any process guards itself, and says why it refuses.
+TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAndWhatItsOwnerWillNotTake) {
+  NoticeLog log;
+  TriggerRecordNodeApi node("bag_record", "guarded", kDir, 0);
+  node.SetNotifyCallback([&](const std::string& notice) {
+    log.Add("guarded", notice);
+    node.ReportSaved(notice, "", "nothing for " + notice);
+  });
+  node.SetTriggerCheck([](long time_ms) { return time_ms % 1000 == 7 ? "ends in 7" : ""; });
+  TriggerSender::Options quick = PatientSender();
+  quick.ack_window_ms = 500;  // one node, which answers at once
+  TriggerSender sender(quick);
+  const long now = WallClockMs() / 1000 * 1000;
+  auto refusal = [&](const std::string& label, long time_ms) {
+    const std::vector<TriggerSender::NodeResult> r = sender.Send(label, time_ms, kWaitMs);
+    return r.size() == 1 ? r[0].refused : "<" + std::to_string(r.size()) + " answers>";
+  };
+  EXPECT_THAT(refusal("future", now + 60500), testing::MatchesRegex("dated (59|60) s ahead of this node's clock"));
+  EXPECT_EQ("ends in 7", refusal("owner", now - 993));
+  // Sent again once done, a trigger gets what came of it and makes no second notice.
+  for (int i = 0; i < 2; ++i) {
+    const std::vector<TriggerSender::NodeResult> r = sender.Send("twice", now, kWaitMs);
+    ASSERT_EQ(1u, r.size());
+    EXPECT_EQ("", r[0].refused);
+    EXPECT_EQ("nothing for " + (TriggerNotice{now, "twice"}.ToText()), r[0].why);
+  }
+  EXPECT_EQ(1u, log.With("twice").size());
+  // One sender's burst, past the rate it may send at.
+  Firer firer;
+  for (int i = 0; i < 40; ++i) firer.Fire(now - 100 - i, "burst");
+  ASSERT_TRUE(log.WaitFor(10, "burst"));
+  usleep(300000);
+  EXPECT_LT(log.With("burst").size(), 20u);
+  // With a key, only signed triggers.
+  node.SetKey(TriggerKey("s3cret"));
+  EXPECT_EQ("not signed with this node's trigger key", refusal("unsigned", now - 2000));
+  TriggerSender::Options signing = quick;
+  signing.key = TriggerKey("s3cret");
+  TriggerSender signer(signing);
+  const std::vector<TriggerSender::NodeResult> signed_result = signer.Send("signed", now - 3000, kWaitMs);
+  ASSERT_EQ(1u, signed_result.size());
+  EXPECT_EQ("", signed_result[0].refused);
+  EXPECT_TRUE(signed_result[0].answered);
+}
+
+TEST(TriggerKeyTest, SignsWithHmacSha256) {
+  std::string hex;
+  for (unsigned char c : TriggerKey::Sha256("abc")) {
+    hex += "0123456789abcdef"[c >> 4];
+    hex += "0123456789abcdef"[c & 15];
+  }
+  EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", hex);
+  // RFC 4231, test case 2, and a key longer than a block.
+  const std::string mac = TriggerKey::Hmac("Jefe", "what do ya want for nothing?");
+  EXPECT_EQ(std::string("\x5b\xdc\xc1\x46\xbf\x60\x75\x4e", 8), mac.substr(0, 8));
+  EXPECT_EQ(32u, TriggerKey::Hmac(std::string(200, 'k'), "").size());
+  const TriggerKey key("k");
+  EXPECT_TRUE(key.Verify(5, "a", key.Sign(5, "a")));
+  EXPECT_FALSE(key.Verify(6, "a", key.Sign(5, "a")));
+  EXPECT_FALSE(key.Verify(5, "b", key.Sign(5, "a")));
+  EXPECT_FALSE(key.Verify(5, "a", ""));
+  EXPECT_FALSE(TriggerKey("other").Verify(5, "a", key.Sign(5, "a")));
+  EXPECT_EQ("", TriggerKey().Sign(5, "a"));
 }
 
 TEST(TriggerRecordNodeApiTest, OnlyTheLastReportDuringItsOwnNoticeReachesTheSender) {
