@@ -112,55 +112,71 @@ std::string Record(mcap::Opcode op, const std::string& content) {
   return out;
 }
 
-std::string StringMap(const Json::Value& map) {
-  std::string bytes;
-  for (const std::string& key : map.getMemberNames()) {
-    mcap::PutString(&bytes, key);
-    mcap::PutString(&bytes, map[key].asString());
-  }
-  std::string out;
-  mcap::PutU32(&out, static_cast<uint32_t>(bytes.size()));
-  return out + bytes;
-}
 
-std::string IdMap(const Json::Value& map) {
-  std::string out;
-  mcap::PutU32(&out, static_cast<uint32_t>(map.size() * 10));
+template <typename Pairs>
+Pairs IdMap(const Json::Value& map) {
+  Pairs out;
   for (const std::string& key : map.getMemberNames()) {
-    mcap::PutU16(&out, static_cast<uint16_t>(std::stoul(key)));
-    mcap::PutU64(&out, Number(map[key]));
+    out.emplace_back(static_cast<uint16_t>(std::stoul(key)), Number(map[key]));
   }
   return out;
 }
 
-// Encodes one listed record (not Chunk, Message Index, Data End or Footer).
+mcap::KeyValues Strings(const Json::Value& map) {
+  mcap::KeyValues out;
+  for (const std::string& key : map.getMemberNames()) out.emplace_back(key, map[key].asString());
+  return out;
+}
+
+// Encodes one listed record (not Chunk, Message Index, Data End or Footer) with the
+// library's own encoders where it has one: the rebuilt file must reproduce the corpus's
+// CRCs, so they are checked byte for byte too.
 std::string Encode(const std::string& type, std::map<std::string, Json::Value> f) {
   std::string c;
+  auto u16 = [&](const char* name) { return static_cast<uint16_t>(Number(f[name])); };
+  auto u32 = [&](const char* name) { return static_cast<uint32_t>(Number(f[name])); };
   if (type == "Header") {
     mcap::AppendHeader(&c, {f["profile"].asString(), f["library"].asString()});
-    return c;
-  }
-  if (type == "Schema") {
-    mcap::AppendSchema(&c, {static_cast<uint16_t>(Number(f["id"])), f["name"].asString(),
-                            f["encoding"].asString(), Bytes(f["data"])});
-    return c;
-  }
-  if (type == "Message") {
-    mcap::AppendMessage(
-        &c,
-        {static_cast<uint16_t>(Number(f["channel_id"])), static_cast<uint32_t>(Number(f["sequence"])),
-         Number(f["log_time"]), Number(f["publish_time"])},
-        Bytes(f["data"]));
-    return c;
-  }
-  if (type == "Channel") {
-    mcap::PutU16(&c, static_cast<uint16_t>(Number(f["id"])));
-    mcap::PutU16(&c, static_cast<uint16_t>(Number(f["schema_id"])));
-    mcap::PutString(&c, f["topic"].asString());
-    mcap::PutString(&c, f["message_encoding"].asString());
-    return Record(mcap::kOpChannel, c + StringMap(f["metadata"]));
-  }
-  if (type == "Attachment") {
+  } else if (type == "Schema") {
+    mcap::AppendSchema(&c, {u16("id"), f["name"].asString(), f["encoding"].asString(), Bytes(f["data"])});
+  } else if (type == "Message") {
+    mcap::AppendMessage(&c, {u16("channel_id"), u32("sequence"), Number(f["log_time"]), Number(f["publish_time"])},
+                        Bytes(f["data"]));
+  } else if (type == "Channel") {
+    mcap::AppendChannel(&c, {u16("id"), u16("schema_id"), f["topic"].asString(), f["message_encoding"].asString(),
+                             Strings(f["metadata"])});
+  } else if (type == "Metadata") {
+    mcap::AppendMetadata(&c, {f["name"].asString(), Strings(f["metadata"])});
+  } else if (type == "Statistics") {
+    mcap::Statistics st;
+    st.message_count = Number(f["message_count"]);
+    st.schema_count = u16("schema_count");
+    st.channel_count = u32("channel_count");
+    st.attachment_count = u32("attachment_count");
+    st.metadata_count = u32("metadata_count");
+    st.chunk_count = u32("chunk_count");
+    st.message_start_time = Number(f["message_start_time"]);
+    st.message_end_time = Number(f["message_end_time"]);
+    st.channel_message_counts = IdMap<mcap::ChannelCounts>(f["channel_message_counts"]);
+    mcap::AppendStatistics(&c, st);
+  } else if (type == "ChunkIndex") {
+    mcap::ChunkIndex ci;
+    ci.message_start_time = Number(f["message_start_time"]);
+    ci.message_end_time = Number(f["message_end_time"]);
+    ci.chunk_start_offset = Number(f["chunk_start_offset"]);
+    ci.chunk_length = Number(f["chunk_length"]);
+    ci.message_index_offsets = IdMap<std::vector<std::pair<uint16_t, uint64_t>>>(f["message_index_offsets"]);
+    ci.message_index_length = Number(f["message_index_length"]);
+    ci.compression = f["compression"].asString();
+    ci.compressed_size = Number(f["compressed_size"]);
+    ci.uncompressed_size = Number(f["uncompressed_size"]);
+    mcap::AppendChunkIndex(&c, ci);
+  } else if (type == "MetadataIndex") {
+    mcap::AppendMetadataIndex(&c, {Number(f["offset"]), Number(f["length"]), f["name"].asString()});
+  } else if (type == "SummaryOffset") {
+    mcap::AppendSummaryOffset(&c, {static_cast<uint8_t>(Number(f["group_opcode"])), Number(f["group_start"]),
+                                   Number(f["group_length"])});
+  } else if (type == "Attachment") {  // the library writes none
     mcap::PutU64(&c, Number(f["log_time"]));
     mcap::PutU64(&c, Number(f["create_time"]));
     mcap::PutString(&c, f["name"].asString());
@@ -170,56 +186,17 @@ std::string Encode(const std::string& type, std::map<std::string, Json::Value> f
     c += data;
     mcap::PutU32(&c, mcap::Crc32(c.data(), c.size()));
     return Record(mcap::kOpAttachment, c);
-  }
-  if (type == "Metadata") {
-    mcap::PutString(&c, f["name"].asString());
-    return Record(mcap::kOpMetadata, c + StringMap(f["metadata"]));
-  }
-  if (type == "Statistics") {
-    mcap::PutU64(&c, Number(f["message_count"]));
-    mcap::PutU16(&c, static_cast<uint16_t>(Number(f["schema_count"])));
-    mcap::PutU32(&c, static_cast<uint32_t>(Number(f["channel_count"])));
-    mcap::PutU32(&c, static_cast<uint32_t>(Number(f["attachment_count"])));
-    mcap::PutU32(&c, static_cast<uint32_t>(Number(f["metadata_count"])));
-    mcap::PutU32(&c, static_cast<uint32_t>(Number(f["chunk_count"])));
-    mcap::PutU64(&c, Number(f["message_start_time"]));
-    mcap::PutU64(&c, Number(f["message_end_time"]));
-    return Record(mcap::kOpStatistics, c + IdMap(f["channel_message_counts"]));
-  }
-  if (type == "ChunkIndex") {
-    mcap::PutU64(&c, Number(f["message_start_time"]));
-    mcap::PutU64(&c, Number(f["message_end_time"]));
-    mcap::PutU64(&c, Number(f["chunk_start_offset"]));
-    mcap::PutU64(&c, Number(f["chunk_length"]));
-    c += IdMap(f["message_index_offsets"]);
-    mcap::PutU64(&c, Number(f["message_index_length"]));
-    mcap::PutString(&c, f["compression"].asString());
-    mcap::PutU64(&c, Number(f["compressed_size"]));
-    mcap::PutU64(&c, Number(f["uncompressed_size"]));
-    return Record(mcap::kOpChunkIndex, c);
-  }
-  if (type == "AttachmentIndex") {
+  } else if (type == "AttachmentIndex") {
     for (const char* field : {"offset", "length", "log_time", "create_time", "data_size"}) {
       mcap::PutU64(&c, Number(f[field]));
     }
     mcap::PutString(&c, f["name"].asString());
     mcap::PutString(&c, f["media_type"].asString());
     return Record(mcap::kOpAttachmentIndex, c);
+  } else {
+    ADD_FAILURE() << "unknown record type " << type;
   }
-  if (type == "MetadataIndex") {
-    mcap::PutU64(&c, Number(f["offset"]));
-    mcap::PutU64(&c, Number(f["length"]));
-    mcap::PutString(&c, f["name"].asString());
-    return Record(mcap::kOpMetadataIndex, c);
-  }
-  if (type == "SummaryOffset") {
-    mcap::PutU8(&c, static_cast<uint8_t>(Number(f["group_opcode"])));
-    mcap::PutU64(&c, Number(f["group_start"]));
-    mcap::PutU64(&c, Number(f["group_length"]));
-    return Record(mcap::kOpSummaryOffset, c);
-  }
-  ADD_FAILURE() << "unknown record type " << type;
-  return "";
+  return c;
 }
 
 // Rebuilds a corpus file from its listing; false when the result does not reproduce the
