@@ -133,9 +133,10 @@ void BagRecordTrigger::OnNotice(const std::string& notice) {
   while (!saves_.empty() && now - saves_.front() > std::chrono::minutes(1)) saves_.pop_front();
   if (saves_.size() >= kMaxSavesPerMinute) {
     if (!flooded_) {
-      Report("more than " + std::to_string(kMaxSavesPerMinute) +
-             " triggers in a minute: saving nothing more for now, so that the folder budget deletes no bag for "
-             "them");
+      Report(
+          "more than " + std::to_string(kMaxSavesPerMinute) +
+          " triggers in a minute: saving nothing more for now, so that the folder budget deletes no bag for "
+          "them");
     }
     flooded_ = true;
     trigger_api_->ReportSaved(notice, "", "too many triggers in the last minute");
@@ -145,8 +146,8 @@ void BagRecordTrigger::OnNotice(const std::string& notice) {
   saves_.push_back(now);
   if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
   const std::string saved = save(notice);
-  trigger_api_->ReportSaved(notice, saved,
-                            saved.empty() ? "no message in the window, or the file could not be completed" : "");
+  trigger_api_->ReportSaved(
+      notice, saved, saved.empty() ? "no message in the window, or the file could not be completed" : "");
 }
 
 void BagRecordTrigger::set_trigger_key(const std::string& key) { trigger_api_->SetKey(TriggerKey(key)); }

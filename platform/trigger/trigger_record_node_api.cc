@@ -116,7 +116,8 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
         // Done already: told at once what came of it.
         UdpMessage ack = event.create_recv(trigger_protocol::kTriggerAckKey);
         trigger_protocol::Encode(
-            trigger_protocol::TriggerAck{name_, node_name_, instance_, done->second.due_ms, directory_, ""}, &ack);
+            trigger_protocol::TriggerAck{name_, node_name_, instance_, done->second.due_ms, directory_, ""},
+            &ack);
         server_->send_data(peer, port, ack);
         Pending again;
         again.repliers.push_back({peer, port, event.create_recv(trigger_protocol::kTriggerDoneKey)});
@@ -143,7 +144,8 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
       }
       UdpMessage ack = event.create_recv(trigger_protocol::kTriggerAckKey);
       trigger_protocol::Encode(
-          trigger_protocol::TriggerAck{name_, node_name_, instance_, refused.empty() ? due_ms : 0, directory_, refused},
+          trigger_protocol::TriggerAck{name_, node_name_, instance_, refused.empty() ? due_ms : 0, directory_,
+                                       refused},
           &ack);
       server_->send_data(peer, port, ack);
     }
@@ -219,7 +221,8 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
     }
     Sender& s = senders_[sender];
     const auto now = std::chrono::steady_clock::now();
-    s.tokens = std::min(kSenderBurst, s.tokens + kSenderPerSecond * std::chrono::duration<double>(now - s.refilled).count());
+    s.tokens = std::min(
+        kSenderBurst, s.tokens + kSenderPerSecond * std::chrono::duration<double>(now - s.refilled).count());
     s.refilled = now;
     if (s.pending >= kMaxPendingPerSender || s.tokens < 1) return "too many triggers from " + sender;
     if (pending_.size() >= kMaxPendingNotices) {
@@ -283,7 +286,8 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
 
   void SendDone(Pending* p, const std::string& file, const std::string& why) {
     for (Replier& r : p->repliers) {
-      trigger_protocol::Encode(trigger_protocol::TriggerDone{name_, node_name_, instance_, file, why}, &r.reply);
+      trigger_protocol::Encode(trigger_protocol::TriggerDone{name_, node_name_, instance_, file, why},
+                               &r.reply);
       server_->send_data(r.peer, r.port, r.reply);
     }
   }
@@ -324,7 +328,8 @@ void TriggerRecordNodeApi::SetNotifyCallback(std::function<void(const std::strin
   node_->SetCallback(std::move(callback));
 }
 
-void TriggerRecordNodeApi::ReportSaved(const std::string& notice, const std::string& file, const std::string& why) {
+void TriggerRecordNodeApi::ReportSaved(const std::string& notice, const std::string& file,
+                                       const std::string& why) {
   node_->ReportSaved(notice, file, why);
 }
 

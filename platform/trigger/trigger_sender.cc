@@ -47,9 +47,9 @@ std::vector<TriggerSender::NodeResult> TriggerSender::Send(const std::string& la
   }
   time_ms_ = notice.time_ms;
   UdpMessage event(trigger_protocol::kTriggerEventKey);
-  trigger_protocol::Encode(
-      trigger_protocol::TriggerEvent{notice.time_ms, notice.label, options_.key.Sign(notice.time_ms, notice.label)},
-      &event);
+  trigger_protocol::Encode(trigger_protocol::TriggerEvent{notice.time_ms, notice.label,
+                                                          options_.key.Sign(notice.time_ms, notice.label)},
+                           &event);
 
   const Clock::time_point start = Clock::now();
   const long timeout = std::max(timeout_ms, 0);

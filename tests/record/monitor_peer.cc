@@ -31,7 +31,8 @@ int main(int argc, char** argv) {
     for (const auto& reply : client.Query(std::atoi(argv[2]))) {
       const auto& m = reply.monitor;
       std::printf("%s topics=%d queue=%d drop=%d total=%llu\n", m.node_name().c_str(), m.topic_info_size(),
-                  m.queue_size(), m.drop_count(), static_cast<unsigned long long>(m.message_info().total_bytes()));
+                  m.queue_size(), m.drop_count(),
+                  static_cast<unsigned long long>(m.message_info().total_bytes()));
     }
     if (!client.error().empty()) std::fprintf(stderr, "%s\n", client.error().c_str());
     return client.error().empty() ? 0 : 1;

@@ -44,13 +44,16 @@ size_t Lines(const std::string& text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-// /a at 10 Hz and /b at 2 Hz for `seconds`, starting `offset` ms after t0.
+// /a at 10 Hz and /b at 2 Hz for `seconds`, starting `offset` ms after t0, and /c at the
+// start and the end with another type each time.
 std::string WriteBag(const TempDir& dir, const std::string& name, long offset, int seconds) {
   BagWriter writer(fileio::FilePath(dir.file(name + ".kelobag.active")));
   writer.open("");
   for (long t = 0; t <= seconds * 1000L; t += 100) {
     writer.append_message(1700000000000 + offset + t, 0, "/a", "aaaa", "lcm:0x00000000000000aa");
     if (t % 500 == 0) writer.append_message(1700000000000 + offset + t, 0, "/b", "bb", "lcm:short");
+    if (t == 0 || t == seconds * 1000L)
+      writer.append_message(1700000000000 + offset + t, 0, "/c", "c", t ? "v2" : "v1");
   }
   return writer.close();
 }
@@ -119,13 +122,16 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   EXPECT_EQ(0u, text.err.find("info: " + dir.file("junk.kelobag") + ": ")) << text.err;
   for (const std::string& want :
        {"path:        " + first, "path:        " + second, std::string("all 2 files"),
-        std::string("messages:    26\n"), std::string("messages:    14\n"), std::string("messages:    40\n"),
+        std::string("messages:    28\n"), std::string("messages:    16\n"), std::string("messages:    44\n"),
         std::string("duration:    4.000 s")}) {
     EXPECT_NE(std::string::npos, text.out.find(want)) << want << "\n" << text.out;
   }
   EXPECT_NE(std::string::npos, text.out.find("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n"))
       << text.out;
 
+  // Read from the summary or from every message, a sound bag is described alike.
+  const Outcome verified = KeloBag(dir, {"info", "--verify", first, dir.file("junk.kelobag"), second});
+  EXPECT_EQ(text.out, verified.out);
   const Outcome json = KeloBag(dir, {"info", "--json", first, second});
   ASSERT_EQ(0, json.code) << json.err;
   Json::Value root;
@@ -135,13 +141,15 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   ASSERT_EQ(2u, root["files"].size());
   EXPECT_EQ(second, root["files"][1]["path"].asString());
   EXPECT_EQ(ReadWholeFile(second).size(), root["files"][1]["size_bytes"].asUInt64());
-  EXPECT_EQ(14u, root["files"][1]["messages"].asUInt64());
+  EXPECT_EQ(16u, root["files"][1]["messages"].asUInt64());
   EXPECT_FALSE(root["files"][1]["recovered"].asBool());
-  EXPECT_EQ(40u, root["merged"]["messages"].asUInt64());
+  EXPECT_EQ(44u, root["merged"]["messages"].asUInt64());
   EXPECT_EQ(1700000000000, root["merged"]["start_ms"].asInt64());
   EXPECT_EQ(1700000004000, root["merged"]["end_ms"].asInt64());
   EXPECT_EQ(2u, root["merged"]["files"].asUInt64());
-  ASSERT_EQ(2u, root["merged"]["topics"].size());
+  ASSERT_EQ(4u, root["merged"]["topics"].size());  // /c once per type
+  EXPECT_EQ("v2", root["merged"]["topics"][3]["type"].asString());
+  EXPECT_EQ(2u, root["merged"]["topics"][3]["messages"].asUInt64());
   EXPECT_EQ("/b", root["merged"]["topics"][1]["topic"].asString());
   EXPECT_EQ("lcm:short", root["merged"]["topics"][1]["type"].asString());
   EXPECT_EQ(8u, root["merged"]["topics"][1]["messages"].asUInt64());
@@ -200,7 +208,7 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   EXPECT_EQ(2, run.code);  // one file could not be used at all
   EXPECT_EQ(1u, Lines(run.err)) << run.err;
   EXPECT_NE(std::string::npos, run.err.find(dir.file("missing.kelobag"))) << run.err;
-  EXPECT_NE(std::string::npos, run.out.find("played 14 messages")) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("played 16 messages")) << run.out;
   EXPECT_NE(std::string::npos,
             run.out.find("[RUNNING]  Bag Time: 1700000001000   Duration: 1.000000 / 1.000000"))
       << run.out;

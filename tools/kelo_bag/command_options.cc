@@ -124,8 +124,8 @@ void TriggerOpt::register_opts() {
                OptionInfo::kInt);
   register_opt("interface", "network interface to send on (default: loopback only)", "name",
                OptionInfo::kString);
-  register_opt("key", "sign the trigger with this shared key, for recorders started with --trigger-key", "key",
-               OptionInfo::kString);
+  register_opt("key", "sign the trigger with this shared key, for recorders started with --trigger-key",
+               "key", OptionInfo::kString);
 }
 
 void TriggerOpt::load_opts() {

@@ -112,7 +112,6 @@ std::string Record(mcap::Opcode op, const std::string& content) {
   return out;
 }
 
-
 template <typename Pairs>
 Pairs IdMap(const Json::Value& map) {
   Pairs out;
@@ -140,11 +139,12 @@ std::string Encode(const std::string& type, std::map<std::string, Json::Value> f
   } else if (type == "Schema") {
     mcap::AppendSchema(&c, {u16("id"), f["name"].asString(), f["encoding"].asString(), Bytes(f["data"])});
   } else if (type == "Message") {
-    mcap::AppendMessage(&c, {u16("channel_id"), u32("sequence"), Number(f["log_time"]), Number(f["publish_time"])},
-                        Bytes(f["data"]));
+    mcap::AppendMessage(
+        &c, {u16("channel_id"), u32("sequence"), Number(f["log_time"]), Number(f["publish_time"])},
+        Bytes(f["data"]));
   } else if (type == "Channel") {
-    mcap::AppendChannel(&c, {u16("id"), u16("schema_id"), f["topic"].asString(), f["message_encoding"].asString(),
-                             Strings(f["metadata"])});
+    mcap::AppendChannel(&c, {u16("id"), u16("schema_id"), f["topic"].asString(),
+                             f["message_encoding"].asString(), Strings(f["metadata"])});
   } else if (type == "Metadata") {
     mcap::AppendMetadata(&c, {f["name"].asString(), Strings(f["metadata"])});
   } else if (type == "Statistics") {

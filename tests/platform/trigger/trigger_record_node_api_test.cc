@@ -248,7 +248,8 @@ TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAnd
     const std::vector<TriggerSender::NodeResult> r = sender.Send(label, time_ms, kWaitMs);
     return r.size() == 1 ? r[0].refused : "<" + std::to_string(r.size()) + " answers>";
   };
-  EXPECT_THAT(refusal("future", now + 60500), testing::MatchesRegex("dated (59|60) s ahead of this node's clock"));
+  EXPECT_THAT(refusal("future", now + 60500),
+              testing::MatchesRegex("dated (59|60) s ahead of this node's clock"));
   EXPECT_EQ("ends in 7", refusal("owner", now - 993));
   // Sent again once done, a trigger gets what came of it and makes no second notice.
   for (int i = 0; i < 2; ++i) {
