@@ -196,13 +196,14 @@ void BagRecord::Stop() {
 
 void BagRecord::SaveThreadMain() {
   save_thread_id_ = std::this_thread::get_id();
+  // Named before Start() returns, so that whoever started it finds it by its name.
+  pthread_setname_np(pthread_self(), (std::string("bag_rec_") + "save").c_str());
   {
     std::lock_guard<std::mutex> hold(started_mutex_);
     running_ = true;
     save_thread_started_ = true;
   }
   started_.notify_all();
-  pthread_setname_np(pthread_self(), (std::string("bag_rec_") + "save").c_str());
   // The idle sleep bounds intake: the queue holds 1000 messages, so at 95,000 per second a
   // 10 ms sleep may overshoot by half a millisecond at most. Ask for precise wake-ups.
   prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
