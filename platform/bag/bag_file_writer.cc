@@ -62,6 +62,7 @@ BagFileWriter::BagFileWriter(const BagFileName& name, const BagWriterOptions& op
       log_(log),
       ledger_(ledger),
       max_queued_bytes_(std::max<size_t>(options.max_queued_bytes, 2 * options.chunk_size)),
+      active_name_(name.Completed(0) + ".active"),  // what it will most likely be
       completed_name_(name.Completed(0)),
       compressor_(options.compression, options.zstd_level),
       slot_of_channel_(kIds, -1) {
@@ -322,6 +323,7 @@ int BagFileWriter::OpenFile() {
   int fd = CreateActiveFile(name_, &active, &completed);
   if (fd < 0) {
     const int err = errno;
+    ForgetActiveName();
     IoFailed("cannot create " + name_.Completed(0) + ".active", err);
     return err;
   }
@@ -344,6 +346,7 @@ int BagFileWriter::OpenFile() {
     ::close(fd);
     ::unlink(active.c_str());  // ours, and holds nothing yet
     file_ = FileState();
+    ForgetActiveName();
     IoFailed("cannot write " + active, err);
     return err;
   }
@@ -353,6 +356,11 @@ int BagFileWriter::OpenFile() {
   active_name_ = active;
   completed_name_ = completed;
   return 0;
+}
+
+void BagFileWriter::ForgetActiveName() {
+  std::lock_guard<std::mutex> lock(mu_);
+  active_name_.clear();
 }
 
 void BagFileWriter::DropFile() {

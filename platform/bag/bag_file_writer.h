@@ -128,6 +128,7 @@ class BagFileWriter {
   int EnsureFile();
   int OpenFile();
   void DropFile();
+  void ForgetActiveName();
   // Sets aside the disk space for `length` bytes at `offset`: 0, or the errno that says
   // there is none.
   int Reserve(uint64_t offset, uint64_t length);
