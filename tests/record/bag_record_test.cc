@@ -1,13 +1,10 @@
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <map>
-#include <memory>
+#include <numeric>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,15 +45,10 @@ std::vector<BagMessage> ReadDirectory(const TempDir& dir) {
   return all;
 }
 
-int ThreadsNamed(const std::string& name) {
+int SaveThreads() {
   int count = 0;
-  DIR* tasks = opendir("/proc/self/task");
-  while (dirent* entry = readdir(tasks)) {
-    std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-    std::string line;
-    if (std::getline(comm, line) && line == name) ++count;
-  }
-  closedir(tasks);
+  for (const std::string& task : testing_support::ListDir("/proc/self/task"))
+    count += testing_support::ReadFile("/proc/self/task/" + task + "/comm") == "bag_rec_save\n";
   return count;
 }
 
@@ -74,27 +66,23 @@ void WaitUntilStopped(BagRecord* record, ReportLog* log) {
 
 TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrderWithOneNamedSaveThread) {
   TempDir dir;
-  ReportLog log;
   testing::internal::CaptureStdout();
   {
     BagRecord never("node", dir.path() + "/", 0);  // never started: takes nothing, says goodbye
-    never.output()->set_output_string_func(log.sink());
     never.Stop();
     never.AppendMessage(1, "/t", "T", "ignored");
   }
-  EXPECT_THAT(log.texts(), ElementsAre("record exit"));
   {
     BagRecord record("node", dir.path() + "/", 0);
-    record.output()->set_output_string_func(log.sink());
-    EXPECT_EQ(ThreadsNamed("bag_rec_save"), 0);
+    EXPECT_EQ(SaveThreads(), 0);
     record.Start();
     record.Start();
-    EXPECT_EQ(ThreadsNamed("bag_rec_save"), 1);
+    EXPECT_EQ(SaveThreads(), 1);
     // An empty payload is said, counted lost and not written: no file for it.
     record.AppendMessage(5, "/empty", "demo.Empty", "");
     EXPECT_EQ(1u, record.GetLosses().total(BagLossReason::kEmpty));
     record.Stop();
-    EXPECT_EQ(ThreadsNamed("bag_rec_save"), 0);
+    EXPECT_EQ(SaveThreads(), 0);
   }
   const std::string console = testing::internal::GetCapturedStdout();
   const std::string saved = "save to file: " + dir.path() + "/bag_[0-9]{14}\\.kelobag\\.active\n";
@@ -102,9 +90,6 @@ TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrderWithOneNamedSaveThread) {
                                                    "save thread running\nerror message data. topic name: /empty\n"
                                                    "save thread exit\nrecord exit\n")))
       << console;
-  EXPECT_THAT(log.texts(), ElementsAre("record exit", "save thread running",
-                                       "error message data. topic name: /empty\n", "save thread exit",
-                                       "record exit"));
   EXPECT_THAT(dir.List(), ElementsAre());
 }
 
@@ -131,31 +116,25 @@ TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplica
     ASSERT_TRUE(record.Drain(60000));
     record.Stop();
   }
-  std::vector<BagMessage> all = ReadDirectory(dir);
   std::map<int, std::vector<int>> per_thread;
-  for (const BagMessage& message : all) {
+  for (const BagMessage& message : ReadDirectory(dir)) {
     int t = -1, i = -1;
     ASSERT_EQ(sscanf(message.data.c_str(), "%d:%d", &t, &i), 2);
-    EXPECT_EQ(message.topic, "/thread" + std::to_string(t));
-    EXPECT_EQ(message.type, "demo.Count");
+    EXPECT_EQ(message.topic + " " + message.type, "/thread" + std::to_string(t) + " demo.Count");
     EXPECT_EQ(message.time, 1000 + i * 20);
     EXPECT_GT(message.record_time, 1600000000000L) << "record time is wall-clock milliseconds";
     per_thread[t].push_back(i);
   }
+  std::vector<int> in_order(kPerThread);
+  std::iota(in_order.begin(), in_order.end(), 0);
   ASSERT_EQ(per_thread.size(), static_cast<size_t>(kThreads));
-  for (auto& [t, sequence] : per_thread) {
-    ASSERT_EQ(sequence.size(), static_cast<size_t>(kPerThread)) << "thread " << t;
-    for (int i = 0; i < kPerThread; ++i) EXPECT_EQ(sequence[i], i) << "thread " << t;
-  }
+  for (auto& [t, sequence] : per_thread) EXPECT_EQ(sequence, in_order) << "thread " << t;
   // Every part but the last was announced, by its completed name.
   std::vector<std::string> names = dir.List();
   ASSERT_GE(names.size(), 2u);
   EXPECT_EQ(log.CountPrefix("split bag: "), names.size() - 1);
   for (const std::string& text : log.texts()) {
-    if (text.rfind("split bag: ", 0) != 0) continue;
-    std::string file = text.substr(11, text.size() - 12);
-    EXPECT_EQ(access(file.c_str(), F_OK), 0) << text;
-    EXPECT_EQ(text.back(), '\n');
+    if (text.rfind("split bag: ", 0) == 0) EXPECT_EQ(access(text.substr(11, text.size() - 12).c_str(), F_OK), 0);
   }
   EXPECT_EQ(log.CountPrefix(kDropLine), 0u);
 }
@@ -204,7 +183,7 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   log.HoldOn("split bag: ");
   log.Release();
   log.WaitUntilHeld();  // the save thread is completing part 0 on behalf of the message at 3000
-
+  EXPECT_FALSE(record.Drain(200)) << "messages are still being written";
   std::thread stopper([&] { record.Stop(); });
   WaitUntilStopped(&record, &log);
   log.Release();
@@ -219,40 +198,22 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   EXPECT_EQ(3u, record.GetLosses().total(BagLossReason::kShutdown)) << "and counted";
 }
 
-TEST(BagRecordTest, DrainWaitsUntilTheBatchInProgressIsWritten) {
-  TempDir dir;
-  ReportLog log;
-  BagRecord record("node", dir.file("rec"), 1);
-  record.output()->set_output_string_func(log.sink());
-  log.HoldOn("split bag: ");
-  record.Start();
-  for (long t : {1000, 3000, 5000}) record.AppendMessage(t, "/t", "demo.T", "x");
-  log.WaitUntilHeld();  // the save thread is completing part 0 in the middle of its work
-  EXPECT_FALSE(record.Drain(200)) << "messages are still being written";
-  log.Release();
-  EXPECT_TRUE(record.Drain(60000));
-  record.Stop();
-  EXPECT_EQ(ReadDirectory(dir).size(), 3u);
-}
-
 // The sanitizer builds run this to catch races between intake, the save thread, start/stop
-// cycles, a sink installed by the tool, and destruction.
+// cycles, a sink installed meanwhile, and destruction.
 TEST(BagRecordTest, ConcurrentIntakeAcrossStartStopCyclesAndDestruction) {
   TempDir dir;
   std::atomic<long> sink_calls{0};
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;
   {
-    testing::internal::CaptureStdout();
     BagRecord record("node", dir.file("rec"), 1);
-    record.output()->set_output_string_func([&](const std::string&) { ++sink_calls; });
+    auto sink = [&](const std::string&) { ++sink_calls; };
+    record.output()->set_output_string_func(sink);
     record.Start();
     for (int t = 0; t < 8; ++t) {
       threads.emplace_back([&, t] {
-        for (long i = 0; !done; ++i) {
-          // Old topics, and every so often a new one.
-          std::string topic = (i % 64 == 0) ? "/new/" + std::to_string(t) + "/" + std::to_string(i)
-                                            : "/old/" + std::to_string(i % 5);
+        for (long i = 0; !done; ++i) {  // old topics, now and then a new one, some empty
+          std::string topic = i % 64 ? "/old/" + std::to_string(i % 5) : "/new/" + std::to_string(t * 1000000 + i);
           record.AppendMessage(i * 3, topic, "demo.T" + std::to_string(i % 2), i % 97 == 0 ? "" : "payload");
           if (i % 200 == 0) usleep(100);
         }
@@ -264,17 +225,13 @@ TEST(BagRecordTest, ConcurrentIntakeAcrossStartStopCyclesAndDestruction) {
       usleep(5000);
       record.Start();
     }
-    record.output()->set_output_string_func([&](const std::string&) { ++sink_calls; });
+    record.output()->set_output_string_func(sink);
     usleep(20000);
     done = true;
     for (auto& thread : threads) thread.join();
-    testing::internal::GetCapturedStdout();
   }
   EXPECT_GT(sink_calls.load(), 0);
-  for (const std::string& name : dir.List()) {
-    BagReader reader(dir.file(name));
-    EXPECT_EQ(reader.get_error(), "") << name;
-  }
+  for (const std::string& name : dir.List()) EXPECT_EQ(BagReader(dir.file(name)).get_error(), "") << name;
 }
 
 // Every message ends in a completed, readable file or is counted lost with its reason.
@@ -321,20 +278,6 @@ TEST(BagRecordTest, AFullDiskKeepsWhatFitsCountsTheRestAndEveryFileStaysWhole) {
   for (const std::string& name : dir.List()) EXPECT_THAT(name, testing::EndsWith(".kelobag"));
 }
 
-TEST(BagRecordTest, AnUnwritableFolderLosesEveryMessageToAWriteErrorAndSaysSo) {
-  TempDir dir;
-  ScopedMount read_only = ScopedMount::ReadOnly(dir.path());
-  testing::internal::CaptureStderr();
-  BagRecord record("node", dir.path() + "/", 0);
-  record.Start();
-  for (int i = 0; i < 50; ++i) record.AppendMessage(i, "/t", "demo.T", "payload");
-  ASSERT_TRUE(record.Drain(60000));
-  record.Stop();
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Read-only file system"));
-  EXPECT_EQ(50u, record.GetLosses().total(BagLossReason::kWriteError));
-  EXPECT_THAT(dir.List(), ElementsAre());
-}
-
 // A writer made slow on purpose: the save thread waits for the disk while a topic never
 // seen before arrives, and intake must not wait with it.
 TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
@@ -352,7 +295,7 @@ TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
   constexpr int kMessages = 800;  // 800 KB: eight seconds of this disk
   for (int i = 0; i < kMessages; ++i) record.AppendMessage(i, "/a", "demo.A", Noise(1000, i));
   std::string file;
-  for (int i = 0; i < 10000 && file.empty(); ++i) {
+  for (int i = 0; i < 10000 && (file.empty() || access(file.c_str(), F_OK) != 0); ++i) {
     usleep(1000);
     file = record.GetRecordMonitor()->current_file();
   }
