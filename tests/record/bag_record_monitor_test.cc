@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,6 +16,7 @@
 #include "record/bag_record_options.h"
 #include "record/record_monitor_client.h"
 #include "record/record_monitor_service.h"
+#include "tests/support/peer_process.h"
 #include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
@@ -35,21 +35,12 @@ double NowSeconds() {
   return now.tv_sec + now.tv_usec * 1e-6;
 }
 
-// Runs `command` and returns what it printed.
-std::string RunCommand(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
+// "<node> topics=<n> total=<bytes>" for each recorder that answers, sorted.
+std::vector<std::string> Answers() {
   std::vector<std::string> lines;
-  for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    lines.push_back(text.substr(start, end - start));
+  for (const auto& reply : RecordMonitorClient().Query(500)) {
+    lines.push_back(reply.monitor.node_name() + " topics=" + std::to_string(reply.monitor.topic_info_size()) +
+                    " total=" + std::to_string(reply.monitor.message_info().total_bytes()));
   }
   std::sort(lines.begin(), lines.end());
   return lines;
@@ -143,20 +134,13 @@ TEST(BagRecordMonitorTest, EveryRecorderInEveryProcessAnswersOnce) {
       UdpCastManager::GetCastServer(BagRecord::kMonitorGroup, BagRecord::kMonitorPort),
       [&] { return tools_own; });
 
-  FILE* peer = popen(
-      (std::string(KELO_MONITOR_PEER) + " serve peer " + peer_dir.path() + " > " + peer_dir.path() + "/ready")
-          .c_str(),
-      "w");
-  while (RunCommand("cat " + peer_dir.path() + "/ready 2>/dev/null").find("ready") == std::string::npos)
-    usleep(10000);
-  EXPECT_THAT(
-      Lines(RunCommand(std::string(KELO_MONITOR_PEER) + " query 500")),
-      ElementsAre("first topics=1 queue=0 drop=0 total=5", "peer topics=1 queue=0 drop=0 total=5",
-                  "second topics=0 queue=0 drop=0 total=0", "trigger_node topics=0 queue=0 drop=0 total=0"));
-  pclose(peer);
+  testing_support::PeerProcess peer(KELO_MONITOR_PEER, {"peer", peer_dir.path()});
+  ASSERT_TRUE(peer.WaitForLine("ready"));
+  EXPECT_THAT(Answers(), ElementsAre("first topics=1 total=5", "peer topics=1 total=5", "second topics=0 total=0",
+                                     "trigger_node topics=0 total=0"));
+  peer.Stop();
   trigger = RecordMonitorService::Registration();
-  EXPECT_THAT(Lines(RunCommand(std::string(KELO_MONITOR_PEER) + " query 500")),
-              ElementsAre("first topics=1 queue=0 drop=0 total=5", "second topics=0 queue=0 drop=0 total=0"));
+  EXPECT_THAT(Answers(), ElementsAre("first topics=1 total=5", "second topics=0 total=0"));
   first.Stop();
 }
 
