@@ -69,7 +69,7 @@ bool FinishRecording(BagRecord* record, int drain_timeout_ms) {
 }
 
 bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes, const BagLosses& losses,
-                     const std::vector<std::string>& incomplete) {
+                     const std::vector<std::string>& incomplete, uint64_t bus_drops) {
   constexpr size_t kTopicLines = 20;
   size_t shown = 0;
   for (const auto& entry : losses.by_topic()) {
@@ -85,16 +85,20 @@ bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes,
   for (const std::string& file : incomplete) {
     std::printf("could not complete %s; it stays readable as unfinished\n", file.c_str());
   }
-  const std::string total =
+  std::string total =
       verb + " " + std::to_string(messages) + " messages (" + FormatBytes(static_cast<double>(bytes)) + ")";
   if (losses.empty()) {
-    std::printf("%s, none lost\n", total.c_str());
+    total += bus_drops == 0 ? ", none lost" : "";
   } else {
-    std::printf("%s; %llu of them lost: %s\n", total.c_str(), static_cast<unsigned long long>(losses.total()),
-                losses.Describe().c_str());
+    total += "; " + std::to_string(losses.total()) + " of them lost: " + losses.Describe();
   }
+  if (bus_drops > 0) {
+    total += "; the bus dropped " + std::to_string(bus_drops) +
+             " datagrams before they reached the recorder (its receive buffer was full)";
+  }
+  std::printf("%s\n", total.c_str());
   std::fflush(stdout);
-  return losses.empty() && incomplete.empty();
+  return losses.empty() && incomplete.empty() && bus_drops == 0;
 }
 
 }  // namespace cli

@@ -52,10 +52,12 @@ bool FinishRecording(BagRecord* record, int drain_timeout_ms);
 // Says on standard output how a recording ended: a line for each topic that lost messages
 // and for each file left unfinished, then a last line with the totals,
 // "<verb> 1200 messages (3.4 MB), none lost" or
-// "<verb> 1200 messages (3.4 MB); 3 of them lost: 2 queue full, 1 disk full".
-// Returns whether nothing was lost and every file was completed.
+// "<verb> 1200 messages (3.4 MB); 3 of them lost: 2 queue full, 1 disk full", followed by
+// "; the bus dropped 5 datagrams before they reached the recorder (...)" when `bus_drops`
+// (LcmBus::KernelDrops) is not 0. Returns whether nothing was lost and every file was
+// completed.
 bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes, const BagLosses& losses,
-                     const std::vector<std::string>& incomplete);
+                     const std::vector<std::string>& incomplete, uint64_t bus_drops = 0);
 
 }  // namespace cli
 }  // namespace kelo

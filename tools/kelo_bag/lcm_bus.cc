@@ -1,8 +1,14 @@
 #include "tools/kelo_bag/lcm_bus.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include <lcm/lcm.h>
 
@@ -30,7 +36,64 @@ std::string LiteralPattern(const std::string& channel) {
   return pattern;
 }
 
+// The port a UDP multicast URL listens on ("udpm://239.255.76.67:7667?ttl=0"); 0 for
+// other providers.
+int UdpmPort(const std::string& url) {
+  if (url.rfind("udpm://", 0) != 0) return 0;
+  const size_t query = url.find('?');
+  const std::string address = url.substr(7, query == std::string::npos ? std::string::npos : query - 7);
+  const size_t colon = address.rfind(':');
+  return colon == std::string::npos ? 7667 : std::atoi(address.c_str() + colon + 1);
+}
+
+std::set<unsigned long> OwnSocketInodes() {
+  std::set<unsigned long> inodes;
+  DIR* fds = opendir("/proc/self/fd");
+  if (fds == nullptr) return inodes;
+  while (const dirent* entry = readdir(fds)) {
+    char link[64];
+    const ssize_t n = readlinkat(dirfd(fds), entry->d_name, link, sizeof(link) - 1);
+    if (n <= 0) continue;
+    link[n] = '\0';
+    unsigned long inode = 0;
+    if (std::sscanf(link, "socket:[%lu]", &inode) == 1) inodes.insert(inode);
+  }
+  closedir(fds);
+  return inodes;
+}
+
+uint64_t DropsOnPort(int port) {
+  if (port <= 0) return 0;
+  std::ifstream in("/proc/net/udp");
+  std::stringstream table;
+  table << in.rdbuf();
+  return UdpDrops(table.str(), OwnSocketInodes(), port);
+}
+
 }  // namespace
+
+uint64_t UdpDrops(const std::string& table, const std::set<unsigned long>& inodes, int port) {
+  std::istringstream lines(table);
+  std::string line;
+  std::getline(lines, line);  // the column names
+  uint64_t drops = 0;
+  while (std::getline(lines, line)) {
+    // sl local_address rem_address st tx_queue:rx_queue tr:tm->when retrnsmt uid timeout
+    // inode ref pointer drops
+    std::istringstream fields(line);
+    std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, refs, pointer;
+    unsigned long inode = 0;
+    uint64_t dropped = 0;
+    if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >> timeout >> inode >>
+          refs >> pointer >> dropped)) {
+      continue;
+    }
+    const size_t colon = local.find(':');
+    if (colon == std::string::npos || std::strtol(local.c_str() + colon + 1, nullptr, 16) != port) continue;
+    if (inodes.count(inode) != 0) drops += dropped;
+  }
+  return drops;
+}
 
 std::unique_ptr<LcmBus> LcmBus::Open(const std::string& url, std::string* error) {
   lcm_t* lcm = lcm_create(url.c_str());
@@ -41,7 +104,14 @@ std::unique_ptr<LcmBus> LcmBus::Open(const std::string& url, std::string* error)
   return std::unique_ptr<LcmBus>(new LcmBus(lcm, url));
 }
 
-LcmBus::LcmBus(lcm_t* lcm, const std::string& url) : lcm_(lcm), url_(url) {}
+LcmBus::LcmBus(lcm_t* lcm, const std::string& url) : lcm_(lcm), url_(url) {
+  drops_at_open_ = DropsOnPort(UdpmPort(url_));
+}
+
+uint64_t LcmBus::KernelDrops() const {
+  const uint64_t drops = DropsOnPort(UdpmPort(url_));
+  return drops > drops_at_open_ ? drops - drops_at_open_ : 0;
+}
 
 LcmBus::~LcmBus() { lcm_destroy(lcm_); }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -55,14 +56,24 @@ class LcmBus {
 
   const std::string& url() const { return url_; }
 
+  // Datagrams of this bus that the kernel dropped since Open() because the receive buffer
+  // was full: they never reached LCM, so no handler saw them. 0 for providers other than
+  // UDP multicast, and where /proc does not tell.
+  uint64_t KernelDrops() const;
+
  private:
   LcmBus(lcm_t* lcm, const std::string& url);
   static void Dispatch(const void* rbuf, const char* channel, void* self);
 
   lcm_t* lcm_;
   const std::string url_;
+  uint64_t drops_at_open_ = 0;
   std::vector<std::unique_ptr<Handler>> handlers_;
 };
+
+// What /proc/net/udp (its text in `table`) counts as dropped for the sockets with the
+// given inodes that are bound to `port`.
+uint64_t UdpDrops(const std::string& table, const std::set<unsigned long>& inodes, int port);
 
 // The receive buffer asked of the kernel when the URL does not name one: enough for a
 // stream of 1 MB messages at about 200 MB/s.

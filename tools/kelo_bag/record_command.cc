@@ -73,7 +73,7 @@ int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   const BagLosses losses = record->GetLosses();
   const std::vector<std::string> incomplete = record->GetIncompleteFiles();
   record.reset();  // its goodbye comes before the summary, which is the last line
-  const bool whole = ReportRecording("received", last.messages, last.bytes, losses, incomplete);
+  const bool whole = ReportRecording("received", last.messages, last.bytes, losses, incomplete, bus->KernelDrops());
   return bus_ok && drained && whole ? 0 : 1;
 }
 
@@ -188,7 +188,7 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   writer.close();
   const RecordStatus last = StatusOf(*statistics.Snapshot(opt, &writer, started_ms));
   const bool whole = ReportRecording("cached", last.messages, last.bytes, writer.losses()->Total(),
-                                     writer.incomplete_files());
+                                     writer.incomplete_files(), bus->KernelDrops());
   return bus_ok && whole ? 0 : 1;
 }
 
