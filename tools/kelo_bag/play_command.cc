@@ -182,8 +182,9 @@ int RunPlay(int argc, const char* const* argv) {
   bool unusable = false;
   const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable);
   if (playable.empty()) {
+    // Bags without messages (a part cut short before its first chunk) lose nothing.
     std::fprintf(stderr, "play: nothing to play\n");
-    return unusable ? kExitUnusable : kExitLost;
+    return unusable ? kExitUnusable : kExitOk;
   }
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
