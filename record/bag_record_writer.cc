@@ -10,6 +10,7 @@
 #include "platform/bag/bag_cache_writer.h"
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
+#include "platform/trigger/trigger_notice.h"
 #include "platform/space/file_space_manager.h"
 #include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_record_node_api.h"
@@ -100,7 +101,10 @@ unsigned int NoticeDelaySeconds(long reserve, long duration) {
 }  // namespace
 
 BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePath& path)
-    : space_manager_(nullptr), trigger_api_(nullptr) {
+    : space_manager_(nullptr),
+      trigger_api_(nullptr),
+      reserve_ms_(opt.reserve_time * 1000L),
+      duration_ms_(opt.duration_time * 1000L) {
   const unsigned int delay = NoticeDelaySeconds(opt.reserve_time, opt.duration_time);
   std::cout << "opt.nospacelimit:" << opt.nospacelimit << std::endl;
   if (path.IsNormal() && !opt.nospacelimit) {
@@ -129,6 +133,12 @@ BagRecordTrigger::BagRecordTrigger(const BagRecordOpt& opt, const fileio::FilePa
 }
 
 void BagRecordTrigger::OnNotice(const std::string& notice) {
+  TriggerNotice trigger;
+  const bool parsed = TriggerNotice::Parse(notice, &trigger);
+  if (parsed && !last_saved_.empty() && trigger.time_ms >= last_start_ms_ && trigger.time_ms <= last_end_ms_) {
+    trigger_api_->ReportSaved(notice, last_saved_, "");
+    return;
+  }
   const auto now = std::chrono::steady_clock::now();
   while (!saves_.empty() && now - saves_.front() > std::chrono::minutes(1)) saves_.pop_front();
   if (saves_.size() >= kMaxSavesPerMinute) {
@@ -146,6 +156,11 @@ void BagRecordTrigger::OnNotice(const std::string& notice) {
   saves_.push_back(now);
   if (space_manager_ != nullptr) space_manager_->free(std::function<bool(const std::vector<std::string>&)>());
   const std::string saved = save(notice);
+  if (parsed && !saved.empty()) {
+    last_start_ms_ = trigger.time_ms - reserve_ms_;
+    last_end_ms_ = last_start_ms_ + duration_ms_;
+    last_saved_ = saved;
+  }
   trigger_api_->ReportSaved(
       notice, saved, saved.empty() ? "no message in the window, or the file could not be completed" : "");
 }

@@ -166,6 +166,11 @@ class BagRecordTrigger : public BagRecordWriter {
   std::function<void(const std::string&)> on_report_;
   std::deque<std::chrono::steady_clock::time_point> saves_;  // notice thread only
   bool flooded_ = false;                                     // notice thread only
+  // The window of the file saved last, and its name: a trigger that happened inside that
+  // window is the same event told again (by another sender, or a flood), and gets that file.
+  const long reserve_ms_, duration_ms_;
+  long last_start_ms_ = 0, last_end_ms_ = -1;  // notice thread only
+  std::string last_saved_;                     // notice thread only
 };
 
 }  // namespace kelo

@@ -113,7 +113,7 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
     BagRecordTrigger writer(opt, fileio::FilePath(c.file ? opt.output : dir.path() + "/"));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
     ASSERT_EQ(writer.space_manager() != nullptr, c.mode >= 0);
-    if (c.mode >= 0) EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), c.mode);
+    if (c.mode >= 0) { EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), c.mode); }
   }
 }
 
@@ -174,6 +174,13 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
     TriggerSender sender;
     sender.Send("budget", now, 20000);
     ASSERT_EQ(saved.size(), 1u);
+    // A trigger inside the window just saved is the same event again: it gets that file.
+    for (long again : {now - 3000, now}) {
+      auto results = sender.Send("again", again, 20000);
+      ASSERT_EQ(results.size(), 1u);
+      EXPECT_EQ(results[0].file, saved.files[0]);
+    }
+    EXPECT_EQ(saved.size(), 1u);
   }
   testing::internal::GetCapturedStdout();
   EXPECT_THAT(reports, ElementsAre("deleted " + dir.file("drive_20200101000001_a.kelobag") +
