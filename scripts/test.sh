@@ -28,4 +28,8 @@ if [ -x tests/fuzz/run_fuzz.sh ]; then
   echo "=== fuzz"
   tests/fuzz/run_fuzz.sh build/fuzz
 fi
+if [ -x build/release/tools/kelo_bag ]; then
+  echo "=== reliability (short run)"
+  scripts/reliability.sh --quick --out build/release/reliability-quick.md
+fi
 echo "all tests passed: ${presets[*]}"
