@@ -134,7 +134,7 @@ TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplica
   ASSERT_GE(names.size(), 2u);
   EXPECT_EQ(log.CountPrefix("split bag: "), names.size() - 1);
   for (const std::string& text : log.texts()) {
-    if (text.rfind("split bag: ", 0) == 0) EXPECT_EQ(access(text.substr(11, text.size() - 12).c_str(), F_OK), 0);
+    if (text.rfind("split bag: ", 0) == 0) { EXPECT_EQ(access(text.substr(11, text.size() - 12).c_str(), F_OK), 0); }
   }
   EXPECT_EQ(log.CountPrefix(kDropLine), 0u);
 }

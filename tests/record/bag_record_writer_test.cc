@@ -82,7 +82,7 @@ TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriod) {
     std::vector<size_t> sizes;
     for (const auto& part : rec.PartTimes()) sizes.push_back(part.size());
     EXPECT_EQ(c.part_sizes, sizes);
-    if (!c.names.empty()) EXPECT_EQ(c.names, rec.dir.List());
+    if (!c.names.empty()) { EXPECT_EQ(c.names, rec.dir.List()); }
     // Every part but the last is reported as it completes, by its index.
     ASSERT_EQ(c.part_sizes.size() - 1, rec.saved.size());
     for (size_t i = 0; i < rec.saved.size(); ++i)

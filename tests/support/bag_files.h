@@ -31,7 +31,7 @@ inline std::vector<BagMessage> ReadAll(const std::string& path) {
 inline BagLosses LossesIn(const std::string& path) {
   BagLosses losses;
   for (const BagMetadata& m : BagReader(path).metadata()) {
-    if (m.name == BagLosses::kMetadataName) EXPECT_TRUE(losses.AddMetadata(m.values)) << path;
+    if (m.name == BagLosses::kMetadataName) { EXPECT_TRUE(losses.AddMetadata(m.values)) << path; }
   }
   return losses;
 }
