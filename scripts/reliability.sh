@@ -171,7 +171,7 @@ row "damaged bags ($variants variants of a $total-message bag, $flavour)" \
   "0 of each" "$([ $((crashes + slow + silent)) = 0 ] && echo 1 || echo 0)"
 
 # 4. Fuzzing: every target from its corpus, longer in the full run.
-fuzz_seconds=$(pick 0 600)
+fuzz_seconds=$(pick 0 420)
 if [ "$fuzz_seconds" = 0 ]; then
   rows+=("| fuzzing | regression corpora only (scripts/test.sh runs them) | - | - |")
 else
