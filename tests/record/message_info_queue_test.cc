@@ -1,3 +1,6 @@
+#include <utility>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "record/bag_record.h"
@@ -7,54 +10,31 @@ namespace {
 
 using Queue = BagRecord::MessageInfoQueue;
 
-TEST(MessageInfoQueueTest, EmptyAndSingleRecordHistoriesHaveNoRate) {
-  Queue queue;
-  EXPECT_EQ(queue.freq(), 0.0);
-  EXPECT_EQ(queue.pre_bytes(), 0.0);
-  EXPECT_EQ(queue.total_bytes(), 0u);
-
-  queue.append({10.0, 100});
-  EXPECT_EQ(queue.freq(), 0.0);
-  EXPECT_EQ(queue.pre_bytes(), 0.0);
-  EXPECT_EQ(queue.total_bytes(), 100u);
-}
-
-TEST(MessageInfoQueueTest, RatesCountIntervalsNotRecords) {
-  Queue queue;
-  queue.append({10.000, 100});
-  queue.append({10.500, 300});
-  EXPECT_DOUBLE_EQ(queue.freq(), 2.0);
-  EXPECT_DOUBLE_EQ(queue.pre_bytes(), 600.0);
-
-  queue.append({11.000, 50});
-  EXPECT_DOUBLE_EQ(queue.freq(), 2.0);
-  EXPECT_DOUBLE_EQ(queue.pre_bytes(), 350.0);
-  EXPECT_EQ(queue.total_bytes(), 450u);
-}
-
-TEST(MessageInfoQueueTest, SpansUpToTheThresholdGiveNoRate) {
-  Queue same_time;
-  same_time.append({10.0, 100});
-  same_time.append({10.0, 100});
-  EXPECT_EQ(same_time.freq(), 0.0);
-  EXPECT_EQ(same_time.pre_bytes(), 0.0);
-
-  Queue stepped_back;
-  stepped_back.append({10.0, 100});
-  stepped_back.append({9.0, 100});
-  EXPECT_EQ(stepped_back.freq(), 0.0);
-  EXPECT_EQ(stepped_back.pre_bytes(), 0.0);
-
-  Queue threshold;  // a span of exactly the threshold gives no rate either
-  threshold.append({0.0, 100});
-  threshold.append({0.00001, 100});
-  EXPECT_EQ(threshold.freq(), 0.0);
-  EXPECT_EQ(threshold.pre_bytes(), 0.0);
-
-  Queue one_millisecond;
-  one_millisecond.append({10.000, 100});
-  one_millisecond.append({10.001, 100});
-  EXPECT_NEAR(one_millisecond.freq(), 1000.0, 1e-6);
+// Rates count intervals, not records; a span up to the threshold (one record, the same
+// time twice, time stepping back) gives no rate.
+TEST(MessageInfoQueueTest, RatesCountIntervalsAndShortSpansHaveNone) {
+  const struct {
+    std::vector<std::pair<double, uint64_t>> records;
+    double freq, bytes;
+  } cases[] = {{{}, 0, 0},
+               {{{10.0, 100}}, 0, 0},
+               {{{10.0, 100}, {10.5, 300}}, 2, 600},
+               {{{10.0, 100}, {10.5, 300}, {11.0, 50}}, 2, 350},
+               {{{10.0, 100}, {10.0, 100}}, 0, 0},
+               {{{10.0, 100}, {9.0, 100}}, 0, 0},
+               {{{0.0, 100}, {0.00001, 100}}, 0, 0},
+               {{{10.000, 100}, {10.001, 100}}, 1000, 100000}};
+  for (const auto& c : cases) {
+    Queue queue;
+    uint64_t total = 0;
+    for (const auto& [time, bytes] : c.records) {
+      queue.append({time, bytes});
+      total += bytes;
+    }
+    EXPECT_NEAR(queue.freq(), c.freq, 1e-6) << c.records.size();
+    EXPECT_NEAR(queue.pre_bytes(), c.bytes, 1e-3) << c.records.size();
+    EXPECT_EQ(queue.total_bytes(), total);
+  }
 }
 
 TEST(MessageInfoQueueTest, HistoryKeepsTheNewest5000WhileTotalsCountAll) {

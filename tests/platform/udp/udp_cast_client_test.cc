@@ -43,7 +43,7 @@ TEST(UdpCastClientTest, EveryServerOfTheGroupAnswersOneQueryWhateverProcessItLiv
   });
 
   UdpCastClient client;
-  const std::vector<UdpCastClient::Reply> replies = client.query(kGroup, 28101, "who", "", "who_recv", 3000);
+  const std::vector<UdpCastClient::Reply> replies = client.query(kGroup, 28101, "who", "", "who_recv", 10000, 3);
   EXPECT_EQ(client.error(), "");
   std::multiset<std::string> names;
   std::set<int> ports;
@@ -81,23 +81,6 @@ TEST(UdpCastClientTest, WithNobodyListeningAQueryWaitsItsWholeTimeoutAndFindsNot
   EXPECT_EQ(client.error(), "");
 }
 
-TEST(UdpCastClientTest, OnlyAnswersToThisVeryQueryUnderTheReplyKeyAreCollected) {
-  UdpCastServer server(kGroup, 28103);
-  server.register_callback("ask", [&server](const std::string& peer, int port, UdpMessage& m) {
-    UdpMessage answer = m.create_recv("ask_recv");
-    answer.write_string(m.body());
-    server.send_data(peer, port, answer);
-    server.send_data(peer, port, UdpMessage("ask_recv", "unsolicited"));  // answers nothing
-    server.send_data(peer, port, m.create_recv("other"));
-  });
-  UdpCastClient client;
-  const std::vector<UdpCastClient::Reply> replies =
-      client.query(kGroup, 28103, "ask", "the question", "ask_recv", kAnswerWindowMs);
-  ASSERT_EQ(replies.size(), 1u);
-  EXPECT_EQ(ReadName(replies[0]), "the question");
-  EXPECT_EQ(client.stats().unhandled_messages, 2u);
-}
-
 TEST(UdpCastClientTest, LateAnswersToAnEarlierQueryAreNotTakenForAnswersToTheNextOne) {
   UdpCastServer server(kGroup, 28104);
   server.register_callback("slow", [&server](const std::string& peer, int port, UdpMessage& m) {
@@ -110,27 +93,10 @@ TEST(UdpCastClientTest, LateAnswersToAnEarlierQueryAreNotTakenForAnswersToTheNex
   // The answer cannot come before 700 ms.
   EXPECT_TRUE(client.query(kGroup, 28104, "slow", "first", "slow_recv", 200).empty());
   const std::vector<UdpCastClient::Reply> replies =
-      client.query(kGroup, 28104, "slow", "second", "slow_recv", 5000);
+      client.query(kGroup, 28104, "slow", "second", "slow_recv", 5000, 1);
   ASSERT_EQ(replies.size(), 1u);
   EXPECT_EQ(ReadName(replies[0]), "second");
   EXPECT_EQ(client.stats().unhandled_messages, 1u);
-}
-
-TEST(UdpCastClientTest, LargeAnswersArriveWhole) {
-  std::string big(3 << 20, '\0');
-  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
-  UdpCastServer server(kGroup, 28105);
-  server.register_callback("dump", [&](const std::string& peer, int port, UdpMessage& m) {
-    UdpMessage answer = m.create_recv("dump_recv");
-    answer.write_string(big);
-    server.send_data(peer, port, answer);
-  });
-  UdpCastClient client;
-  const std::vector<UdpCastClient::Reply> replies =
-      client.query(kGroup, 28105, "dump", "", "dump_recv", 3000);
-  ASSERT_EQ(replies.size(), 1u);
-  EXPECT_TRUE(ReadName(replies[0]) == big);
-  EXPECT_EQ(client.dropped_datagrams(), 0u);
 }
 
 TEST(UdpCastClientTest, AQueryThatCannotBeSentSaysWhy) {
@@ -150,6 +116,13 @@ TEST(UdpCastClientTest, AQueryThatCannotBeSentSaysWhy) {
     options.interface_name = c.interface_name;
     UdpCastClient client(options);
     EXPECT_TRUE(client.query(c.group, c.port, "k", "", "k_recv", 100).empty());
+    EXPECT_NE(client.error().find(c.reason), std::string::npos) << client.error();
+    bool called = false;
+    EXPECT_FALSE(client.exchange(c.group, c.port, "k", "", 100,
+                                 [&](const UdpCastClient::Reply&, std::chrono::steady_clock::time_point*) {
+                                   return called = true;
+                                 }));
+    EXPECT_FALSE(called);
     EXPECT_NE(client.error().find(c.reason), std::string::npos) << client.error();
   }
   UdpCastOptions options;
@@ -213,16 +186,6 @@ TEST(UdpCastClientTest, AnExchangeListensAsLongAsItsHandlerSays) {
                         return true;
                       }));
   EXPECT_EQ(keys, std::vector<std::string>{"now"});
-}
-
-TEST(UdpCastClientTest, AnExchangeThatCannotBeSentCallsNothingAndSaysWhy) {
-  UdpCastClient client;
-  bool called = false;
-  EXPECT_FALSE(client.exchange(
-      "not-an-address", 28109, "k", "", 100,
-      [&](const UdpCastClient::Reply&, std::chrono::steady_clock::time_point*) { return called = true; }));
-  EXPECT_FALSE(called);
-  EXPECT_NE(client.error().find("not an IPv4 address"), std::string::npos) << client.error();
 }
 
 }  // namespace

@@ -70,22 +70,8 @@ TEST(UdpCastServerTest, DeliversEachMessageToTheCallbackOfItsKeyWithTheSendersAd
   }
   EXPECT_EQ(beta.size(), 2u);
   EXPECT_EQ(receiver.dropped_datagrams(), 0u);
-}
-
-TEST(UdpCastServerTest, RegisteringAgainUnderAKeyReplacesTheCallback) {
-  Inbox first, second;
-  UdpCastServer receiver(kGroup, 28002);
-  UdpCastServer sender(kGroup, 28902);
-  receiver.register_callback("k", first.Collect());
-  ASSERT_TRUE(sender.send_data(kGroup, 28002, UdpMessage("k")));
-  ASSERT_TRUE(first.WaitFor(1));
-  receiver.register_callback("k", second.Collect());
-  ASSERT_TRUE(sender.send_data(kGroup, 28002, UdpMessage("k")));
-  ASSERT_TRUE(second.WaitFor(1));
-  EXPECT_EQ(first.size(), 1u);
-  // An empty callback removes the key.
-  receiver.register_callback("k", UdpCastBase::Callback());
-  EXPECT_FALSE(receiver.has_callback("k"));
+  receiver.register_callback("alpha", UdpCastBase::Callback());  // an empty callback removes the key
+  EXPECT_FALSE(receiver.has_callback("alpha"));
 }
 
 TEST(UdpCastServerTest, AnswersFromInsideACallbackReachOnlyTheAskerEvenWhenItSharesTheGroupPort) {
@@ -130,17 +116,7 @@ TEST(UdpCastServerTest, BodiesOfEverySizeUpToTheLimitTravelWholeInBothDirections
   asker.register_callback("echo_recv", replies.Collect());
 
   const size_t cap = echo.max_datagram_bytes() - kUdpFrameHeaderBytes - std::string("echo").size();
-  const std::vector<size_t> sizes = {0,
-                                     1,
-                                     cap - 1,
-                                     cap,
-                                     cap + 1,
-                                     2 * cap,
-                                     2 * cap + 1,
-                                     150000,
-                                     size_t{1} << 20,
-                                     size_t{4} << 20,
-                                     kUdpMaxBodyBytes};
+  const std::vector<size_t> sizes = {0, 1, cap - 1, cap, cap + 1, 2 * cap + 1, size_t{1} << 20, kUdpMaxBodyBytes};
   for (size_t i = 0; i < sizes.size(); ++i) {
     const std::string body = Pattern(sizes[i], static_cast<uint32_t>(i));
     ASSERT_TRUE(asker.send_data(kGroup, 28004, UdpMessage("echo", body))) << sizes[i];
@@ -189,178 +165,69 @@ TEST(UdpCastServerTest, UnregisterReturnsOnlyAfterTheCallInProgressHasFinished) 
   EXPECT_EQ(receiver.stats().unhandled_messages, 1u);
 }
 
-TEST(UdpCastServerTest, ACallbackMayUnregisterItselfAndRegisterOthersWithoutDeadlock) {
+// A callback may unregister itself, register others and answer without deadlock; one that
+// throws is counted and the server goes on.
+TEST(UdpCastServerTest, CallbacksMayChangeRegistrationsAndThrowWithoutStoppingTheServer) {
   std::atomic<int> once_calls{0};
-  Inbox later;
-  Inbox answered;
+  Inbox later, answered;
   UdpCastServer receiver(kGroup, 28006), sender(kGroup, 28906);
   receiver.register_callback("once", [&](const std::string& peer, int port, UdpMessage& m) {
     ++once_calls;
     receiver.unregister_callback("once");
     receiver.register_callback("later", later.Collect());
-    // Sending from inside a callback works too.
     receiver.send_data(peer, port, m.create_recv("once_recv"));
   });
+  receiver.register_callback("bad", [](const std::string&, int, UdpMessage&) { throw std::runtime_error("no"); });
   sender.register_callback("once_recv", answered.Collect());
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(sender.send_data(kGroup, 28006, UdpMessage("once")));
-  ASSERT_TRUE(sender.send_data(kGroup, 28006, UdpMessage("later")));
+  for (const char* key : {"once", "bad", "once", "once", "later"}) ASSERT_TRUE(sender.send_data(kGroup, 28006, UdpMessage(key)));
   ASSERT_TRUE(later.WaitFor(1));
   ASSERT_TRUE(answered.WaitFor(1));
   EXPECT_EQ(once_calls.load(), 1);
   EXPECT_EQ(receiver.stats().unhandled_messages, 2u);
-}
-
-TEST(UdpCastServerTest, ACallbackThatThrowsIsCountedAndTheServerGoesOn) {
-  Inbox good;
-  UdpCastServer receiver(kGroup, 28007), sender(kGroup, 28907);
-  receiver.register_callback("bad",
-                             [](const std::string&, int, UdpMessage&) { throw std::runtime_error("no"); });
-  receiver.register_callback("good", good.Collect());
-  ASSERT_TRUE(sender.send_data(kGroup, 28007, UdpMessage("bad")));
-  ASSERT_TRUE(sender.send_data(kGroup, 28007, UdpMessage("good")));
-  ASSERT_TRUE(good.WaitFor(1));
   EXPECT_EQ(receiver.stats().callback_exceptions, 1u);
 }
 
 // Every kind of bad datagram, sent both to the group and to the server's own port. None may
 // reach a callback, each is counted, memory stays bounded, and questions are still answered.
 TEST(UdpCastServerTest, BadDatagramsAreDroppedCountedAndNeverDeliveredWhileQuestionsAreStillAnswered) {
-  UdpCastOptions options;
-  options.reassembly.max_pending_bytes = 1 << 20;
-  options.reassembly.max_pending_messages = 32;
-  options.reassembly.timeout_ms = 500;
   std::atomic<int> probes{0};
   Inbox answers;
-  UdpCastServer server(kGroup, 28008, options), asker(kGroup, 28908);
+  UdpCastServer server(kGroup, 28008), asker(kGroup, 28908);
   ASSERT_TRUE(server.ok() && asker.ok());
   server.register_callback("probe", [&](const std::string&, int, UdpMessage&) { ++probes; });
   ServeEcho(&server, "ask");
   asker.register_callback("ask_recv", answers.Collect());
-
-  auto frames = [](uint32_t id, const std::string& body) {
-    std::vector<std::string> d;
-    EncodeUdpFrames(99, id, 0, "probe", body, 1472, &d);
-    return d;
-  };
-  const std::string valid = frames(1, "x")[0];
+  std::vector<std::string> frames;
+  EncodeUdpFrames(99, 1, 0, "probe", "x", 1472, &frames);
+  const std::string valid = frames[0];
   std::vector<std::string> foreign = {"", "hello", std::string(65507, '\xff')};
-  std::mt19937 rng(12);
-  for (int i = 0; i < 200; ++i) foreign.push_back(Pattern(1 + rng() % 1500, rng()));
-  std::vector<std::string> versions;
-  for (int v : {0, 2, 200}) {
-    std::string d = valid;
-    d[4] = static_cast<char>(v);
-    versions.push_back(d);
-  }
-  std::vector<std::string> malformed;
-  for (size_t cut = 4; cut < valid.size(); ++cut) malformed.push_back(valid.substr(0, cut));
-  malformed.push_back(valid + "trailing");
-  for (size_t at : {size_t{6}, size_t{20}, size_t{24}, size_t{26}}) {  // key size, body size, index, count
-    std::string d = valid;
-    d[at] = '\xff';
-    d[at + 1] = '\xff';
-    malformed.push_back(d);
-  }
-
+  for (uint32_t i = 0; i < 20; ++i) foreign.push_back(Pattern(1 + i * 70, i));
+  std::string version = valid;
+  version[4] = 2;
+  std::vector<std::string> malformed = {valid + "trailing"};
+  for (size_t cut = 4; cut < valid.size(); cut += 3) malformed.push_back(valid.substr(0, cut));
   RawSender raw;
-  int sent = 0;
-  auto send_everywhere = [&](const std::string& d) {
-    ASSERT_TRUE(raw.Send(d, kGroup, 28008));
-    ASSERT_TRUE(raw.Send(d, "127.0.0.1", server.endpoint_port()));
-    sent += 2;
-  };
-  for (const auto* list : {&foreign, &versions, &malformed}) {
-    for (const std::string& d : *list) send_everywhere(d);
-  }
-  // A question in the middle of the garbage is answered.
-  ASSERT_TRUE(asker.send_data(kGroup, 28008, UdpMessage("ask", "still there?")));
-  // Repeats: a fragment four times (both paths lead to one reassembly, as the sender is
-  // the same), then a whole message twice.
-  const std::vector<std::string> three = frames(2, Pattern(3000, 1));
-  send_everywhere(three[0]);
-  send_everywhere(three[0]);
-  const std::string whole = frames(3, "")[0];
-  ASSERT_TRUE(raw.Send(whole, kGroup, 28008));
-  ASSERT_TRUE(raw.Send(whole, kGroup, 28008));
-  sent += 2;
-  // Messages that never complete: first fragments claiming the largest body.
-  std::string first = frames(4, std::string(kUdpMaxBodyBytes, 'z'))[0];
-  for (uint32_t id = 100; id < 400; ++id) {
-    for (int i = 0; i < 4; ++i) first[12 + i] = static_cast<char>((id >> (8 * i)) & 0xff);
-    ASSERT_TRUE(raw.Send(first, kGroup, 28008));
-    ++sent;
-  }
-
-  ASSERT_TRUE(answers.WaitFor(1));
-  ASSERT_TRUE(Eventually([&] {
-    return server.stats().received_datagrams == static_cast<uint64_t>(sent) + 1;
-  })) << server.stats().received_datagrams
-      << " of " << sent + 1;
-  UdpCastStats s = server.stats();
-  EXPECT_EQ(s.foreign_datagrams, 2 * foreign.size());
-  EXPECT_EQ(s.bad_version_datagrams, 2 * versions.size());
-  EXPECT_EQ(s.malformed_datagrams, 2 * malformed.size());
-  EXPECT_EQ(s.duplicate_datagrams, 4u);  // three fragment copies, one whole repeat
-  EXPECT_EQ(server.dropped_datagrams(), 2 * (foreign.size() + versions.size() + malformed.size()) + 4);
-  EXPECT_LE(s.pending_bytes, options.reassembly.max_pending_bytes);
-  EXPECT_LE(s.pending_messages, options.reassembly.max_pending_messages);
-
-  // Everything partial is abandoned, by the timeout or to make room: the 3-fragment
-  // message and the 300 never-complete ones.
-  ASSERT_TRUE(Eventually([&] { return server.stats().pending_messages == 0; }));
-  s = server.stats();
-  EXPECT_EQ(s.pending_bytes, 0u);
-  EXPECT_EQ(s.dropped_messages, 301u);
-  EXPECT_EQ(s.completed_messages, 2u);  // the question, and the whole message once
-  EXPECT_EQ(probes.load(), 1);          // that whole message was a valid "probe"
-  EXPECT_EQ(answers.size(), 1u);
-  std::string echoed = answers.received()[0].message.body();
-  EXPECT_EQ(echoed, "still there?");
-}
-
-TEST(UdpCastServerTest, CallbacksComeAndGoSafelyWhileQuestionsPourIn) {
-  std::atomic<int> answers{0}, calls_after_unregister{0};
-  Inbox final_answer;
-  UdpCastServer server(kGroup, 28009), asker(kGroup, 28909);
-  ASSERT_TRUE(server.ok() && asker.ok());
-  asker.register_callback("q_recv", [&](const std::string&, int, UdpMessage&) { ++answers; });
-
-  std::atomic<bool> done{false};
-  std::thread churn([&] {
-    for (int i = 0; i < 300; ++i) {
-      // Each registration has its own token; no call may see it revoked.
-      auto alive = std::make_shared<std::atomic<bool>>(true);
-      server.register_callback("q", [&, alive](const std::string& peer, int port, UdpMessage& m) {
-        if (!*alive) ++calls_after_unregister;
-        server.send_data(peer, port, m.create_recv("q_recv"));
-      });
-      server.register_callback("x" + std::to_string(i % 7), [](const std::string&, int, UdpMessage&) {});
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-      server.unregister_callback("q");
-      *alive = false;
-      server.unregister_callback("x" + std::to_string(i % 7));
+  size_t sent = 0;
+  for (const auto* list : {&foreign, &malformed}) {
+    for (const std::string& d : *list) {  // to the group and to the server's own port
+      ASSERT_TRUE(raw.Send(d, kGroup, 28008));
+      ASSERT_TRUE(raw.Send(d, "127.0.0.1", server.endpoint_port()));
+      sent += 2;
     }
-    done = true;
-  });
-  std::vector<std::thread> askers;
-  for (int t = 0; t < 2; ++t) {
-    askers.emplace_back([&] {
-      for (int i = 0; i < 2000 && !done; ++i) {
-        asker.send_data(kGroup, 28009, UdpMessage(i % 3 == 0 ? "x1" : "q", "payload"));
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-      }
-    });
   }
-  churn.join();
-  for (std::thread& t : askers) t.join();
-  EXPECT_EQ(calls_after_unregister.load(), 0);
-
-  // Left registered, the key is answered again.
-  asker.register_callback("q_recv", final_answer.Collect());
-  ServeEcho(&server, "q");
-  ASSERT_TRUE(asker.send_data(kGroup, 28009, UdpMessage("q", "last")));
-  ASSERT_TRUE(final_answer.WaitFor(1));
-  EXPECT_GT(answers.load(), 0);
+  ASSERT_TRUE(raw.Send(version, kGroup, 28008));
+  ASSERT_TRUE(asker.send_data(kGroup, 28008, UdpMessage("ask", "still there?")));
+  ASSERT_TRUE(raw.Send(valid, kGroup, 28008));
+  ASSERT_TRUE(answers.WaitFor(1));
+  ASSERT_TRUE(Eventually([&] { return server.stats().received_datagrams == sent + 3; }));
+  const UdpCastStats s = server.stats();
+  EXPECT_EQ(s.foreign_datagrams, 2 * foreign.size());
+  EXPECT_EQ(s.bad_version_datagrams, 1u);
+  EXPECT_EQ(s.malformed_datagrams, 2 * malformed.size());
+  EXPECT_EQ(server.dropped_datagrams(), sent + 1);
+  EXPECT_EQ(s.completed_messages, 2u);
+  EXPECT_EQ(probes.load(), 1);
+  EXPECT_EQ(answers.received()[0].message.body(), "still there?");
 }
 
 TEST(UdpCastServerTest, AServerThatCannotJoinSaysWhyAndNeitherSendsNorDelivers) {
