@@ -55,7 +55,7 @@ class Firer {
 
 TriggerSender::Options PatientSender() {
   TriggerSender::Options options;
-  options.ack_window_ms = 2000;  // acknowledgements are immediate, but sanitizer builds are slow
+  options.ack_window_ms = 1000;  // acknowledgements are immediate; sanitizer builds are slow
   return options;
 }
 
@@ -64,37 +64,6 @@ std::map<std::string, TriggerSender::NodeResult> ByNode(
   std::map<std::string, TriggerSender::NodeResult> by_node;
   for (const TriggerSender::NodeResult& r : results) EXPECT_TRUE(by_node.emplace(r.node, r).second) << r.node;
   return by_node;
-}
-
-TEST(TriggerRecordNodeApiTest, ATriggerFromAnotherProcessReachesEveryNodeOfThisProcess) {
-  NoticeLog log;
-  std::vector<std::unique_ptr<TriggerRecordNodeApi>> nodes;
-  for (const std::string name : {"n1", "n2", "n3"}) {
-    nodes.emplace_back(new TriggerRecordNodeApi("bag_record", name, kDir, 0));
-    nodes.back()->SetNotifyCallback(log.Collect(name));
-  }
-  TriggerRecordNodeApi* n2 = nodes[1].get();
-  nodes[1]->SetNotifyCallback([&log, n2](const std::string& notice) {
-    n2->ReportSaved(notice, "/rec/n2.kelobag");
-    log.Add("n2", notice);
-  });
-
-  PeerProcess sender(KELO_TRIGGER_PEER, {"send", "from_peer", "20000", "2000"});
-  ASSERT_TRUE(sender.WaitForLine("sent"));
-  ASSERT_TRUE(log.WaitFor(3, "from_peer"));
-  std::set<std::string> noticed;
-  for (const NoticeLog::Entry& e : log.With("from_peer")) {
-    noticed.insert(e.node);
-    TriggerNotice notice;
-    ASSERT_TRUE(TriggerNotice::Parse(e.notice, &notice)) << e.notice;
-    EXPECT_EQ(notice.label, "from_peer");
-  }
-  EXPECT_EQ(noticed, (std::set<std::string>{"n1", "n2", "n3"}));
-  // The sending process learnt what each node saved.
-  const std::vector<std::string>& lines = sender.lines();
-  EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()),
-            (std::set<std::string>{"result n1 1 ", "result n2 1 /rec/n2.kelobag", "result n3 1 ", "sent"}));
-  EXPECT_EQ(sender.Stop(), 0);
 }
 
 TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSenderLearnsWhatEachSaved) {
@@ -165,13 +134,6 @@ TEST(TriggerRecordNodeApiTest, ANoticeComesNoEarlierThanItsDurationAfterTheTrigg
     EXPECT_GE(e.at_ms, notice.time_ms + duration_ms) << e.node << " " << e.notice;
   }
 
-  // The sender is told when each notice is due.
-  TriggerSender sender(PatientSender());
-  std::map<std::string, TriggerSender::NodeResult> by_node = ByNode(sender.Send("timing_sent", 0, 20000));
-  ASSERT_EQ(by_node.size(), 2u);
-  EXPECT_EQ(by_node["d0"].due_ms, sender.time_ms());
-  EXPECT_EQ(by_node["d1"].due_ms, sender.time_ms() + 1000);
-  EXPECT_TRUE(by_node["d1"].answered);
 }
 
 TEST(TriggerRecordNodeApiTest, TriggersInQuickSuccessionGiveOneNoticeEachInTheOrderTheyFallDue) {
@@ -205,30 +167,14 @@ TEST(TriggerRecordNodeApiTest, GarbageOnTheGroupIsIgnoredAndTheNextTriggerStillA
     return event.body();
   };
   const std::string valid = body(now, "garbage_valid");
-  std::vector<std::string> garbage = {
-      "",
-      "x",
-      body(-1, "garbage_negative"),
-      body(TriggerNotice::kMaxTimeMs + 1, "garbage_far"),
-      body(now, "garbage with blanks"),
-      body(now, "garbage/slash"),
-      body(now, std::string(65, 'g')),
-  };
-  for (size_t cut = 0; cut < valid.size(); ++cut) garbage.push_back(valid.substr(0, cut));
-  std::string length_lies = valid;
-  length_lies[8] = '\x7f';  // the label's length claims far more bytes than there are
-  garbage.push_back(length_lies);
-  for (const std::string& g : garbage) firer.FireBody(g);
-  // Datagrams that are no frame at all, straight to the group's port.
-  UdpCastClient raw;
-  raw.query(trigger_protocol::kGroup, trigger_protocol::kPort, "unrelated_key", "noise", "unused", 0);
+  for (const std::string& g : {std::string(), body(-1, "garbage_negative"), body(now, "garbage with blanks"),
+                               body(TriggerNotice::kMaxTimeMs + 1, "garbage_far"), valid.substr(0, valid.size() - 1)})
+    firer.FireBody(g);
   firer.Fire(now, "garbage_valid");
-  firer.Fire(now, "garbage_valid_again");
-  ASSERT_TRUE(log.WaitFor(2, "garbage_valid"));
+  ASSERT_TRUE(log.WaitFor(1, "garbage_valid"));
   const std::vector<NoticeLog::Entry> got = log.With("garbage");
-  ASSERT_EQ(got.size(), 2u);
+  ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(got[0].notice, (TriggerNotice{now, "garbage_valid"}.ToText()));
-  EXPECT_EQ(got[1].notice, (TriggerNotice{now, "garbage_valid_again"}.ToText()));
 }
 
 // A node open to any process guards itself, and says why it refuses.
@@ -287,7 +233,9 @@ TEST(TriggerKeyTest, SignsWithHmacSha256) {
   // RFC 4231, test case 2, and a key longer than a block.
   const std::string mac = TriggerKey::Hmac("Jefe", "what do ya want for nothing?");
   EXPECT_EQ(std::string("\x5b\xdc\xc1\x46\xbf\x60\x75\x4e", 8), mac.substr(0, 8));
-  EXPECT_EQ(32u, TriggerKey::Hmac(std::string(200, 'k'), "").size());
+  // Keys of a block and of one byte more: the longer one is hashed first.
+  EXPECT_EQ(std::string("\xae\x0c\x0e\x4a\x23\x40\xcf\x50", 8), TriggerKey::Hmac(std::string(64, 'k'), "abc").substr(0, 8));
+  EXPECT_EQ(std::string("\xed\x37\x8e\x5d\xfa\x30\xdc\x98", 8), TriggerKey::Hmac(std::string(65, 'k'), "abc").substr(0, 8));
   const TriggerKey key("k");
   EXPECT_TRUE(key.Verify(5, "a", key.Sign(5, "a")));
   EXPECT_FALSE(key.Verify(6, "a", key.Sign(5, "a")));
@@ -308,35 +256,19 @@ TEST(TriggerRecordNodeApiTest, OnlyTheLastReportDuringItsOwnNoticeReachesTheSend
   wrong.SetNotifyCallback(
       [&](const std::string& notice) { wrong.ReportSaved("trigger 1 other", "/rec/wrong.kelobag"); });
   early.SetNotifyCallback([](const std::string&) {});
+  TriggerRecordNodeApi thrower("bag_record", "thrower", kDir, 0);  // a callback that throws saves nothing
+  thrower.SetNotifyCallback([](const std::string&) { throw std::runtime_error("disk on fire"); });
   TriggerSender sender(PatientSender());
   // A report outside any notice is dropped, not kept for the next one.
   early.ReportSaved(TriggerNotice{1709647629000, "reports"}.ToText(), "/rec/early.kelobag");
   std::map<std::string, TriggerSender::NodeResult> by_node =
       ByNode(sender.Send("reports", 1709647629000, 20000));
-  ASSERT_EQ(by_node.size(), 3u);
+  ASSERT_EQ(by_node.size(), 4u);
   EXPECT_EQ(by_node["twice"].file, "/rec/second.kelobag");
+  EXPECT_FALSE(by_node["thrower"].saved);
   EXPECT_FALSE(by_node["wrong"].saved);
   EXPECT_FALSE(by_node["early"].saved);
   for (const auto& r : by_node) EXPECT_TRUE(r.second.answered) << r.first;
-}
-
-TEST(TriggerRecordNodeApiTest, ACallbackThatThrowsSavesNothingAndLaterNoticesStillCome) {
-  NoticeLog log;
-  TriggerRecordNodeApi node("bag_record", "thrower", kDir, 0);
-  node.SetNotifyCallback([&](const std::string& notice) {
-    log.Add("thrower", notice);
-    if (notice.find("throw_first") != std::string::npos) throw std::runtime_error("disk on fire");
-    node.ReportSaved(notice, "/rec/ok.kelobag");
-  });
-  TriggerSender sender(PatientSender());
-  std::vector<TriggerSender::NodeResult> first = sender.Send("throw_first", 0, 20000);
-  ASSERT_EQ(first.size(), 1u);
-  EXPECT_TRUE(first[0].answered);
-  EXPECT_FALSE(first[0].saved);
-  std::vector<TriggerSender::NodeResult> second = sender.Send("throw_second", 0, 20000);
-  ASSERT_EQ(second.size(), 1u);
-  EXPECT_EQ(second[0].file, "/rec/ok.kelobag");
-  EXPECT_EQ(log.With("throw_").size(), 2u);
 }
 
 TEST(TriggerRecordNodeApiTest, DestructionWaitsForTheNoticeInProgress) {
@@ -426,19 +358,22 @@ TEST(TriggerRecordNodeApiTest, NodesComeAndGoSafelyWhileTriggersKeepArriving) {
 }
 
 TEST(TriggerSenderTest, RefusesWhatNoNodeCouldTakeAndSaysWhy) {
-  TriggerSender sender;
-  EXPECT_TRUE(sender.Send("has blanks", 0, 1000).empty());
-  EXPECT_NE(sender.error().find("not a trigger label"), std::string::npos) << sender.error();
-  EXPECT_TRUE(sender.Send(std::string(65, 'x'), 0, 1000).empty());
-  EXPECT_NE(sender.error().find("not a trigger label"), std::string::npos) << sender.error();
-  EXPECT_TRUE(sender.Send("ok", -5, 1000).empty());
-  EXPECT_NE(sender.error().find("out of range"), std::string::npos) << sender.error();
-
-  TriggerSender::Options options;
-  options.group = "not-an-address";
-  TriggerSender misdirected(options);
-  EXPECT_TRUE(misdirected.Send("ok", 0, 1000).empty());
-  EXPECT_NE(misdirected.error().find("not an IPv4 address"), std::string::npos) << misdirected.error();
+  TriggerSender::Options misdirected;
+  misdirected.group = "not-an-address";
+  const struct {
+    TriggerSender::Options options;
+    std::string label;
+    long time_ms;
+    const char* why;
+  } cases[] = {{{}, "has blanks", 0, "not a trigger label"},
+               {{}, std::string(65, 'x'), 0, "not a trigger label"},
+               {{}, "ok", -5, "out of range"},
+               {misdirected, "ok", 0, "not an IPv4 address"}};
+  for (const auto& c : cases) {
+    TriggerSender sender(c.options);
+    EXPECT_TRUE(sender.Send(c.label, c.time_ms, 1000).empty());
+    EXPECT_THAT(sender.error(), testing::HasSubstr(c.why));
+  }
 }
 
 TEST(TriggerSenderTest, WithNoNodeListeningReportsNoOneAndNoError) {
