@@ -132,11 +132,14 @@ class KeyReader {
 // The files that have something to play, each named once on stderr when it has not, and
 // the earliest start time among them: where the play range is counted from. A file without
 // messages is left out rather than given to the player, whose merged view would take its
-// start time of 0 as the bags' beginning. `unusable` is set when a file is no bag at all.
-std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms, bool* unusable) {
+// start time of 0 as the bags' beginning. `unusable` is set when a file is no bag at all,
+// `partial` when one without messages had bytes that could not be read (a cut chunk).
+std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms, bool* unusable,
+                                      bool* partial) {
   std::vector<std::string> playable;
   *begin_ms = 0;
   *unusable = false;
+  *partial = false;
   for (const std::string& file : files) {
     BagReader reader(file);
     const std::string error = reader.get_error();
@@ -146,7 +149,14 @@ std::vector<std::string> PlayableBags(const std::vector<std::string>& files, lon
       continue;
     }
     if (reader.count() == 0) {
-      std::fprintf(stderr, "play: %s: no messages to play\n", file.c_str());
+      const BagFileInfo& info = reader.file_info();
+      if (info.damaged || info.unread_bytes > 0) {
+        std::fprintf(stderr, "play: %s: no messages to play; %llu bytes could not be read\n", file.c_str(),
+                     static_cast<unsigned long long>(info.unread_bytes));
+        *partial = true;
+      } else {
+        std::fprintf(stderr, "play: %s: no messages to play\n", file.c_str());
+      }
       continue;
     }
     playable.push_back(file);
@@ -179,12 +189,12 @@ int RunPlay(int argc, const char* const* argv) {
   }
 
   long begin_ms = 0;
-  bool unusable = false;
-  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable);
+  bool unusable = false, partial = false;
+  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable, &partial);
   if (playable.empty()) {
-    // Bags without messages (a part cut short before its first chunk) lose nothing.
+    // A part closed before its first chunk loses nothing; one cut inside it does.
     std::fprintf(stderr, "play: nothing to play\n");
-    return unusable ? kExitUnusable : kExitOk;
+    return unusable ? kExitUnusable : partial ? kExitPartial : kExitOk;
   }
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
@@ -245,7 +255,6 @@ int RunPlay(int argc, const char* const* argv) {
   std::printf("\nplayed %llu messages\n", static_cast<unsigned long long>(delivered));
   std::fflush(stdout);
   // Damage found while playing is told too, with what could not be read.
-  bool partial = false;
   for (const auto& [line, damaged] : play.GetBagErrors()) {
     if (!damaged) continue;
     std::fprintf(stderr, "play: %s\n", line.c_str());
