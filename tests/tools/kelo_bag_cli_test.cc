@@ -175,6 +175,8 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   // The magic and the header record: a recording that has not written a chunk yet.
   const uint64_t header_end = 8 + mcap::kPrefixSize + mcap::LoadU64(bytes.data() + 9);
   std::ofstream(header_only, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end));
+  const std::string first_cut = dir.file("first_cut.kelobag.active");  // cut inside its first chunk
+  std::ofstream(first_cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end + 60));
   bytes[bytes.size() / 3] ^= 0x40;  // inside a chunk
   std::ofstream(damaged, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 
@@ -197,6 +199,13 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   EXPECT_NE(std::string::npos, play.err.find("play: " + damaged + ": recovered damaged bag: kept "))
       << play.err;
   EXPECT_NE(std::string::npos, play.err.find("1 chunk (")) << play.err;
+  const Outcome empty = KeloBag(dir, {"play", header_only});
+  EXPECT_EQ(0, empty.code) << empty.err;
+  EXPECT_NE(std::string::npos, empty.err.find("nothing to play")) << empty.err;
+  const Outcome cut_short = KeloBag(dir, {"play", first_cut});
+  EXPECT_EQ(3, cut_short.code);
+  EXPECT_NE(std::string::npos, cut_short.err.find(first_cut + ": no messages to play; "))
+      << cut_short.err;
 }
 
 TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
