@@ -1,14 +1,19 @@
 // The MCAP building blocks: record encoding, CRCs and chunk compression.
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 
+#include "platform/bag/bag_channel_table.h"
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_crc32.h"
+#include "platform/bag/mcap_file.h"
 #include "platform/bag/mcap_records.h"
 #include "tests/support/bag_files.h"
+#include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace mcap {
@@ -113,6 +118,38 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
   std::string out, error;
   EXPECT_FALSE(decompressor.Decompress("bz2", "x", 1, 1, &out, &error));
   EXPECT_NE(std::string::npos, error.find("bz2"));
+}
+
+// Ids run from 1 to 65535, one per (topic, type), one schema per type; then no more.
+TEST(BagChannelTableTest, NumbersChannelsAndSchemasUntilTheIdsRunOut) {
+  BagChannelTable table;
+  bool created = false;
+  BagChannel* a = table.Get("/a", "T1", &created);
+  ASSERT_TRUE(a != nullptr && created);
+  BagChannel* b = table.Get("/a", "T2", &created);
+  EXPECT_EQ(b->id, 2);
+  EXPECT_EQ(table.Get("/b", "T1", &created)->schema_id, a->schema_id);
+  EXPECT_EQ(table.Get("/a", "T1", &created), a);
+  EXPECT_FALSE(created);
+  for (int i = 3; i < 65534; ++i) ASSERT_NE(table.Get("/t" + std::to_string(i), "T1", &created), nullptr) << i;
+  BagChannel* last = table.Get("/last", "T1", &created);
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->id, 65535);
+  EXPECT_EQ(table.Get("/one/too/many", "T1", &created), nullptr);
+  EXPECT_EQ(table.Get("/a", "T2", &created), b) << "known channels are still found";
+}
+
+// A file that shrinks under a reader gives a failed read, never a hang.
+TEST(RandomAccessFileTest, AFileThatShrinksAfterOpeningFailsTheRead) {
+  testing_support::TempDir dir;
+  testing_support::WriteFile(dir.file("f"), std::string(4096, 'x'));
+  RandomAccessFile file;
+  std::string error, out;
+  ASSERT_TRUE(file.Open(dir.file("f"), &error)) << error;
+  ASSERT_EQ(0, truncate(dir.file("f").c_str(), 100));
+  EXPECT_TRUE(file.Read(0, 100, &out));
+  EXPECT_FALSE(file.Read(0, 4096, &out));
+  EXPECT_FALSE(file.Read(4000, 200, &out));
 }
 
 }  // namespace

@@ -143,9 +143,17 @@ TEST_P(FileSpaceManagerTest, AsksOnlyWhenFilesMustGoAndAVetoKeepsThemAll) {
 TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDeletesNothingAndDoesNotFit) {
   TempDir dir;
   FileSpaceManager missing(dir.file("absent"), "", ".kelobag", 10, GetParam());
+  testing::internal::CaptureStderr();
   EXPECT_FALSE(missing.free(nullptr));
+  EXPECT_FALSE(missing.free(nullptr));
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << "said once, not at every call: " << said;
   FileSpaceManager empty("", "", ".kelobag", 10, GetParam());
+  testing::internal::CaptureStderr();
   EXPECT_FALSE(empty.free(nullptr));
+  testing::internal::GetCapturedStderr();
+  FileSpaceManager unlimited(dir.file("absent"), "", ".kelobag", 0, GetParam());
+  EXPECT_TRUE(unlimited.free(nullptr)) << "no budget, nothing to check";
 }
 
 TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
