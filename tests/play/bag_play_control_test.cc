@@ -1,3 +1,4 @@
+#include <array>
 #include <functional>
 #include <list>
 #include <map>
@@ -148,21 +149,7 @@ TEST(BagPlayControlTest, SwitchingLoopOffAfterTheLastBatchLeavesNothingToPlay) {
 enum class State { kIdle, kRunning, kPaused, kStepping, kExhausted, kEnded };
 
 const char* Name(State state) {
-  switch (state) {
-    case State::kIdle:
-      return "idle";
-    case State::kRunning:
-      return "running";
-    case State::kPaused:
-      return "paused";
-    case State::kStepping:
-      return "stepping";
-    case State::kExhausted:
-      return "exhausted";
-    case State::kEnded:
-      return "ended";
-  }
-  return "?";
+  return std::array<const char*, 6>{"idle", "running", "paused", "stepping", "exhausted", "ended"}[static_cast<int>(state)];
 }
 
 void Reach(State state, BagPlay* play, PlaybackLog* log) {

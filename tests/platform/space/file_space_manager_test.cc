@@ -42,7 +42,8 @@ TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFitForEveryLimit) {
   const std::vector<size_t> sizes = {30, 5, 70, 1, 0, 44, 12};  // oldest first
   size_t total = 0;
   for (size_t s : sizes) total += s;
-  for (unsigned long limit = 1; limit <= total + 1; ++limit) {
+  // Around every sum of the newest files: 12, 56, 57, 127, 132, 162.
+  for (unsigned long limit : {1, 11, 12, 13, 55, 56, 57, 58, 126, 127, 128, 131, 132, 133, 161, 162, 163}) {
     TempDir dir;
     for (size_t i = 0; i < sizes.size(); ++i) {  // name order and age order differ
       MakeFile(dir.file("f" + std::to_string(6 - i) + ".kelobag"), sizes[i], kDay + static_cast<time_t>(i));
