@@ -228,5 +228,19 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   EXPECT_NE(std::string::npos, nothing.err.find("nothing to play")) << nothing.err;
 }
 
+// A bus that fails (here a log file that ends) stops the recording with a line that says so
+// and a non-zero exit; what came before is kept.
+TEST(KeloBagCliTest, RecordStopsAndSaysSoWhenTheBusFails) {
+  TempDir dir;
+  const std::string log = "file://" + dir.file("bus.lcmlog");
+  std::string out, err;
+  ASSERT_EQ(0, RunToEnd({KELO_LCM_PUBLISH, log + "?mode=w", "/seq", "20", "100", "1000"}, dir.file("pub"), &out, &err))
+      << err;
+  const Outcome run = KeloBag(dir, {"record", "--url", log + "?mode=r", "-a", "-o", dir.file("rec") + "/"});
+  EXPECT_EQ(1, run.code);
+  EXPECT_EQ("record: the LCM bus failed; stopping\n", run.err);
+  EXPECT_NE(std::string::npos, run.out.find("received 20 messages")) << run.out;
+}
+
 }  // namespace
 }  // namespace kelo
