@@ -41,6 +41,21 @@ TEST(LcmBusUrlTest, SaysWhenTheKernelCapsTheReceiveBufferAndHowToRaiseIt) {
   EXPECT_EQ(0, ReceiveBufferOf("memq://"));
 }
 
+// Drops the kernel counted on this process's own sockets of the bus port, and no others.
+TEST(LcmBusTest, CountsTheKernelDropsOfItsOwnSocketsOnTheBusPort) {
+  const std::string table =
+      "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode ref "
+      "pointer drops\n"
+      "  1: 434CFFEF:1DF3 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 501 2 0 17\n"
+      "  2: 00000000:1DF3 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 502 2 0 5\n"
+      "  3: 00000000:1DF3 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 999 2 0 100\n"
+      "  4: 00000000:1DF4 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 503 2 0 1000\n"
+      "  5: garbage\n";
+  EXPECT_EQ(22u, UdpDrops(table, {501, 502, 503}, 7667));
+  EXPECT_EQ(0u, UdpDrops(table, {}, 7667));
+  EXPECT_EQ(1000u, UdpDrops(table, {503}, 7668));
+}
+
 TEST(LcmMessageTypeTest, NamesTheFingerprintOrSaysThePayloadIsTooShort) {
   const std::string lcmgen("\x12\x34\xab\xcd\x56\x78\xef\x00payload", 15);
   EXPECT_EQ("lcm:0x1234abcd5678ef00", LcmMessageType(lcmgen.data(), lcmgen.size()));
