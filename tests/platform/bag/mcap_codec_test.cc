@@ -1,5 +1,4 @@
 // The MCAP building blocks: record encoding, CRCs and chunk compression.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,22 +13,16 @@ namespace kelo {
 namespace mcap {
 namespace {
 
-TEST(McapCodecTest, CrcMatchesTheStandardCheckValues) {
+TEST(McapCodecTest, CrcsAndTheSmallestValidFileAreByteForByteRight) {
   EXPECT_EQ(0xCBF43926u, Crc32("123456789", 9));
-  // A footer with no summary always has this CRC.
-  std::string footer;
-  AppendFooter(&footer, {0, 0, 0});
-  EXPECT_EQ(0x6FC4C9B0u, Crc32(footer.data(), footer.size() - 4));
   const std::string a = "first part", b = "and the second";
   EXPECT_EQ(Crc32((a + b).data(), a.size() + b.size()),
             Crc32Combine(Crc32(a.data(), a.size()), Crc32(b.data(), b.size()), b.size()));
-}
-
-TEST(McapCodecTest, EncodesTheSmallestValidFileByteForByte) {
   std::string file(kMagic, kMagicSize);
   AppendHeader(&file, {"", ""});
   AppendDataEnd(&file, Crc32(file.data(), file.size()));
-  AppendFooter(&file, {0, 0, 0x6FC4C9B0u});
+  AppendFooter(&file, {0, 0, 0x6FC4C9B0u});  // the CRC of every footer without a summary
+  EXPECT_EQ(0x6FC4C9B0u, Crc32(file.data() + file.size() - 29, 25));
   file.append(kMagic, kMagicSize);
   const unsigned char want[] = {
       0x89, 'M', 'C', 'A', 'P', '0', '\r', '\n', 0x01, 8,    0,    0,   0,   0,   0,   0,    0,    0,    0,
@@ -39,18 +32,18 @@ TEST(McapCodecTest, EncodesTheSmallestValidFileByteForByte) {
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(want), sizeof(want)), file);
 }
 
-TEST(McapCodecTest, ParsersRejectEveryTruncationAndIgnoreAppendedFields) {
+template <typename Record, typename Parse>
+void ExpectEveryCutRejected(const std::string& record, Parse parse) {
+  for (size_t cut = 0; cut + kPrefixSize < record.size(); ++cut) {
+    Record r;
+    EXPECT_FALSE(parse(record.data() + kPrefixSize, cut, &r)) << cut;
+  }
+}
+
+TEST(McapCodecTest, ParsersRoundTripRejectEveryTruncationAndIgnoreAppendedFields) {
   std::string channel, chunk_index, stats, metadata;
   AppendChannel(&channel, {7, 3, "/topic", "kelo", {{"key", "value"}, {"k2", ""}}});
   AppendMetadata(&metadata, {"kelo_losses", {{"/a", "queue_full=3"}}});
-  for (size_t cut = 0; cut < metadata.size() - kPrefixSize; ++cut) {
-    Metadata m;
-    EXPECT_FALSE(ParseMetadata(metadata.data() + kPrefixSize, cut, &m)) << cut;
-  }
-  Metadata m;
-  ASSERT_TRUE(ParseMetadata(metadata.data() + kPrefixSize, metadata.size() - kPrefixSize, &m));
-  EXPECT_EQ("kelo_losses", m.name);
-  EXPECT_EQ((KeyValues{{"/a", "queue_full=3"}}), m.metadata);
   ChunkIndex ci;
   ci.message_index_offsets = {{1, 100}, {2, 200}};
   ci.compression = "zstd";
@@ -58,18 +51,14 @@ TEST(McapCodecTest, ParsersRejectEveryTruncationAndIgnoreAppendedFields) {
   Statistics st;
   st.channel_message_counts = {{1, 5}, {7, 9}};
   AppendStatistics(&stats, st);
-  for (size_t cut = 0; cut < channel.size() - kPrefixSize; ++cut) {
-    Channel c;
-    EXPECT_FALSE(ParseChannel(channel.data() + kPrefixSize, cut, &c)) << cut;
-  }
-  for (size_t cut = 0; cut < chunk_index.size() - kPrefixSize; ++cut) {
-    ChunkIndex c;
-    EXPECT_FALSE(ParseChunkIndex(chunk_index.data() + kPrefixSize, cut, &c)) << cut;
-  }
-  for (size_t cut = 0; cut < stats.size() - kPrefixSize; ++cut) {
-    Statistics s;
-    EXPECT_FALSE(ParseStatistics(stats.data() + kPrefixSize, cut, &s)) << cut;
-  }
+  ExpectEveryCutRejected<Metadata>(metadata, ParseMetadata);
+  ExpectEveryCutRejected<Channel>(channel, ParseChannel);
+  ExpectEveryCutRejected<ChunkIndex>(chunk_index, ParseChunkIndex);
+  ExpectEveryCutRejected<Statistics>(stats, ParseStatistics);
+  Metadata m;
+  ASSERT_TRUE(ParseMetadata(metadata.data() + kPrefixSize, metadata.size() - kPrefixSize, &m));
+  EXPECT_EQ("kelo_losses", m.name);
+  EXPECT_EQ((KeyValues{{"/a", "queue_full=3"}}), m.metadata);
   const std::string padded = channel.substr(kPrefixSize) + "\x01\xff\xff";
   Channel c;
   ASSERT_TRUE(ParseChannel(padded.data(), padded.size(), &c));
@@ -77,9 +66,7 @@ TEST(McapCodecTest, ParsersRejectEveryTruncationAndIgnoreAppendedFields) {
   EXPECT_EQ(3, c.schema_id);
   EXPECT_EQ("/topic", c.topic);
   EXPECT_EQ((KeyValues{{"key", "value"}, {"k2", ""}}), c.metadata);
-
-  // A string whose length runs past the record.
-  std::string lying = channel.substr(kPrefixSize);
+  std::string lying = channel.substr(kPrefixSize);  // a string whose length runs past the record
   lying[4] = '\x7f';
   EXPECT_FALSE(ParseChannel(lying.data(), lying.size(), &c));
 }
@@ -89,20 +76,17 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
   ChunkDecompressor decompressor;
   for (BagCompression c : {BagCompression::kZstd, BagCompression::kLz4, BagCompression::kNone}) {
     SCOPED_TRACE(CompressionName(c));
-    ChunkCompressor compressor(c, 1);
     std::string stored, back, error;
-    ASSERT_TRUE(compressor.Compress(records.data(), records.size(), &stored));
+    ASSERT_TRUE(ChunkCompressor(c, 1).Compress(records.data(), records.size(), &stored));
     ASSERT_TRUE(decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), records.size(),
                                         &back, &error))
         << error;
     EXPECT_EQ(records, back);
-    for (uint64_t claimed :
-         {uint64_t{0}, uint64_t{records.size() - 1}, uint64_t{records.size() + 1}, uint64_t{1} << 40}) {
+    for (uint64_t claimed : {uint64_t{0}, records.size() - 1, records.size() + 1, uint64_t{1} << 40}) {
       EXPECT_FALSE(
-          decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), claimed, &back, &error))
-          << claimed;
+          decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), claimed, &back, &error));
       // Memory follows what the stored bytes can really produce, not the claim.
-      EXPECT_LE(back.capacity(), std::max<size_t>(2 << 20, 128 * stored.size()));
+      EXPECT_LE(back.capacity(), std::max<size_t>(2 << 20, 128 * stored.size())) << claimed;
     }
     for (size_t cut = 0; cut < stored.size(); cut += 1 + stored.size() / 97) {
       EXPECT_FALSE(
