@@ -98,11 +98,9 @@ TEST(BagReaderTest, GivesBackWhatWasWrittenInTimeOrderWithTiesInWriteOrder) {
     EXPECT_EQ(Describe(expected), ReadEverything(&reader));
     EXPECT_EQ(std::make_pair(expected.front().time, expected.back().time),
               std::make_pair(reader.start_time(), reader.end_time()));
-    std::vector<std::string> topics;
-    for (const auto& t : reader.topics()) topics.push_back(t->name + ":" + t->type);
-    EXPECT_EQ(
-        (std::vector<std::string>{"/camera:kelo.Image", "/imu:kelo.Imu", "/state:kelo.V1", "/state:kelo.V2"}),
-        topics);
+    std::string topics;
+    for (const auto& t : reader.topics()) topics += t->name + ":" + t->type + " ";
+    EXPECT_EQ("/camera:kelo.Image /imu:kelo.Imu /state:kelo.V1 /state:kelo.V2 ", topics);
   }
 }
 
@@ -122,8 +120,7 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
   std::shared_ptr<BagMessage> kept = reader->read();
   EXPECT_EQ(kept, reader->read());
   reader->seek(99);
-  EXPECT_TRUE(reader->eof());
-  EXPECT_EQ(nullptr, reader->read());
+  EXPECT_TRUE(reader->eof() && reader->read() == nullptr);
   reader.reset();
   EXPECT_EQ("30", kept->data);
 }
@@ -156,7 +153,6 @@ TEST(BagReaderTest, ReadsAFileCutAnywhereUpToItsLastWholeChunkAndCountsTheRest) 
   for (BagCompression c : {BagCompression::kNone, BagCompression::kZstd}) {
     TempDir dir;
     const ChunkedBag bag = MakeChunkedBag(dir, c);
-    ASSERT_GT(bag.chunks.size(), 5u);
     const std::string cut = dir.file("cut.kelobag.active");
     for (size_t length = 8; length < bag.bytes.size(); length += 23) {
       WriteFile(cut, bag.bytes.substr(0, length));
@@ -182,7 +178,6 @@ TEST(BagReaderTest, ReadsAFileCutAnywhereUpToItsLastWholeChunkAndCountsTheRest) 
 TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   TempDir dir;
   const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
-  ASSERT_GT(bag.chunks.size(), 6u);
   const ChunkedBag::Chunk& third = bag.chunks[2];
   const size_t lost = third.messages_so_far - bag.chunks[1].messages_so_far;
   std::vector<BagMessage> expected = bag.messages;
@@ -195,7 +190,6 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   BagReader lazy(dir.file("damaged.kelobag"));  // from the index: the damage shows on reading the chunk
   const unsigned first_lost = static_cast<unsigned>(bag.chunks[1].messages_so_far);
   lazy.seek(first_lost + 1);  // inside the damaged chunk: on to the next sound message
-  ASSERT_NE(nullptr, lazy.read());
   EXPECT_EQ(Describe({expected[first_lost]}), Describe({*lazy.read()}));
   EXPECT_EQ(first_lost, lazy.index());
   // Indexed from its summary, or scanned as an unfinished file: the same messages come out.
@@ -214,8 +208,7 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   WriteFile(dir.file("zeroed.kelobag.active"), zeroed);
   BagReader reader(dir.file("zeroed.kelobag.active"));
   EXPECT_EQ(Describe(expected), ReadEverything(&reader));
-  EXPECT_GE(reader.file_info().unread_bytes, third.end - third.begin);
-  EXPECT_TRUE(reader.file_info().damaged);
+  EXPECT_TRUE(reader.file_info().damaged && reader.file_info().unread_bytes >= third.end - third.begin);
 }
 
 TEST(BagReaderTest, SurvivesBytesFlippedAnywhere) {
@@ -235,9 +228,7 @@ TEST(BagReaderTest, SurvivesBytesFlippedAnywhere) {
           ASSERT_LE(++steps, bag.messages.size()) << "flip at " << at;
         }
         reader.seek_time(150);
-        if (!reader.eof()) {
-          ASSERT_NE(nullptr, reader.read());
-        }
+        ASSERT_TRUE(reader.eof() || reader.read() != nullptr);
       }
     }
   }
