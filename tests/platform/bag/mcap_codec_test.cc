@@ -62,10 +62,10 @@ TEST(McapCodecTest, ParsersRoundTripRejectEveryTruncationAndIgnoreAppendedFields
 }
 
 TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
+  const std::string records = testing_support::Noise(100000, 3) + std::string(100000, 'r');
   ChunkDecompressor decompressor;
-  for (const std::string& records : {testing_support::Noise(100000, 3) + std::string(100000, 'r'), std::string(999, 'r')})
   for (BagCompression c : {BagCompression::kZstd, BagCompression::kLz4, BagCompression::kNone}) {
-    SCOPED_TRACE(CompressionName(c) + std::string(" ") + std::to_string(records.size()));
+    SCOPED_TRACE(CompressionName(c));
     std::string stored, back, error;
     ASSERT_TRUE(ChunkCompressor(c, 1).Compress(records.data(), records.size(), &stored));
     ASSERT_TRUE(decompressor.Decompress(CompressionName(c), stored.data(), stored.size(), records.size(),
