@@ -1,4 +1,3 @@
-# Tests of the bag library (included by tests/CMakeLists.txt).
 set(KELO_MCAP_CONFORMANCE_DIR "${PROJECT_SOURCE_DIR}/../shared/mcap-conformance"
     CACHE PATH "The MCAP conformance corpus read by the bag reader's tests")
 
@@ -10,8 +9,7 @@ target_compile_definitions(mcap_conformance_test PRIVATE
 kelo_add_netns_test(bag_writer_test platform/bag/bag_writer_test.cc)
 target_compile_definitions(bag_writer_test PRIVATE KELO_BAG_AA_VERSION="${PROJECT_VERSION}")
 
-# The independent MCAP implementation (npm @mcap/core) reads our bags, and our reader
-# reads its files. Needs `npm ci` in tests/interop; fails, saying so, without it.
+# Bags read by an independent MCAP reader and its files by ours (needs `npm ci` in tests/interop).
 add_executable(bag_interop_tool ${PROJECT_SOURCE_DIR}/tests/interop/bag_interop_tool.cc)
 target_link_libraries(bag_interop_tool PRIVATE kelo_platform JsonCpp::JsonCpp)
 target_include_directories(bag_interop_tool PRIVATE ${PROJECT_SOURCE_DIR})
