@@ -75,6 +75,42 @@ ChunkedBag MakeChunkedBag(const TempDir& dir, BagCompression compression) {
   return bag;
 }
 
+// Offsets of the top-level records of a bag, in file order.
+std::vector<std::pair<uint8_t, size_t>> Records(const std::string& bytes) {
+  std::vector<std::pair<uint8_t, size_t>> out;
+  for (size_t at = 8; at + mcap::kPrefixSize <= bytes.size() - 8;) {
+    out.emplace_back(static_cast<uint8_t>(bytes[at]), at);
+    at += mcap::kPrefixSize + mcap::LoadU64(bytes.data() + at + 1);
+  }
+  return out;
+}
+
+// A record of opcode 0 is broken wherever it lies, also where no CRC would tell: every
+// message is read, or the bag is damaged.
+TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
+  TempDir dir;
+  const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
+  for (uint8_t target : {mcap::kOpChunk, mcap::kOpMessageIndex, mcap::kOpChunkIndex}) {
+    std::string bytes = bag.bytes;
+    const auto records = Records(bytes);
+    for (const auto& [op, at] : records) {
+      if (op == mcap::kOpDataEnd) std::fill_n(&bytes[at + mcap::kPrefixSize], 4, '\0');  // no data CRC
+    }
+    std::fill_n(&bytes[bytes.size() - 12], 4, '\0');  // no summary CRC
+    const auto hit = std::find_if(records.begin(), records.end(), [&](const auto& r) { return r.first == target; });
+    ASSERT_NE(hit, records.end());
+    size_t at = hit->second;
+    if (target == mcap::kOpChunk) {  // its first inner record, with the chunk's CRC cleared
+      std::fill_n(&bytes[at + mcap::kPrefixSize + 24], 4, '\0');
+      at += mcap::kPrefixSize + 40;
+    }
+    bytes[at] = 0;
+    WriteFile(dir.file("zero.kelobag"), bytes);
+    BagReader reader(dir.file("zero.kelobag"));
+    EXPECT_TRUE(reader.count() == bag.messages.size() || reader.file_info().damaged) << int{target};
+  }
+}
+
 TEST(BagReaderTest, GivesBackWhatWasWrittenInTimeOrderWithTiesInWriteOrder) {
   // Messages from 0 bytes to 16 MB, a topic whose type changes, times that go back and repeat.
   std::vector<BagMessage> messages;
