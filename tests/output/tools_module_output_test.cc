@@ -15,8 +15,7 @@
 namespace kelo {
 namespace {
 
-// Catches console text dropped, doubled or given an extra line end, the sink not reached,
-// long texts cut at the buffer, and a NUL cutting what the sink gets.
+// Catches console or sink text dropped, doubled, given a line end, or cut at the buffer.
 TEST(ToolsModuleOutputTest, TextReachesConsoleAndSinkWhole) {
   const size_t kBuffer = ToolsModuleOutput::kMessageBufferSize;
   const std::string nul("ab\0cd", 5), big(kBuffer - 2, 'n');
@@ -68,8 +67,7 @@ TEST(ToolsModuleOutputTest, CacheIsSentAsOneBlockAndEmptiedBeforeTheSinkRuns) {
   EXPECT_EQ(sink, (std::vector<std::string>{"a\nbc\n", "", "first", "next"}));
 }
 
-// Catches JSON documents not reaching their sink, a null document sent, the code written as a
-// number, and a missing text sink failing.
+// Catches JSON not reaching its sink, a null document sent, and the code written as a number.
 TEST(ToolsModuleOutputTest, JsonDocumentsGoOnlyToTheJsonSink) {
   Output out;
   std::vector<std::string> json;
@@ -90,8 +88,7 @@ TEST(ToolsModuleOutputTest, JsonDocumentsGoOnlyToTheJsonSink) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "no text sink");
 }
 
-// Catches a deadlock when the sink prints, and texts torn or lost when printed from many
-// threads while the sink is swapped.
+// Catches a deadlock when the sink prints, and texts torn or lost across threads.
 TEST(ToolsModuleOutputTest, ConcurrentAndReentrantPrintingKeepsEveryTextWhole) {
   Output out;
   out.set_output_string_func([&](const std::string& text) {

@@ -14,8 +14,7 @@
 namespace kelo {
 namespace {
 
-// Catches a lock that lets two threads in, or a locker that does not release (the next
-// thread would then wait for ever), both through a base pointer.
+// Catches a lock that lets two threads in, or a locker that never releases (a hang).
 TEST(KeloThreadLockTest, KeepsCriticalSectionsExclusiveAcrossThreads) {
   KeloThreadLock lock;
   KeloThreadSpin spin;

@@ -59,8 +59,7 @@ void ServeEcho(UdpCastServer* server, const std::string& key) {
   });
 }
 
-// Catches messages handed to the wrong or a replaced callback, a wrong sender address, and
-// answers multicast to every member instead of sent to the asker's own port.
+// Catches messages handed to a wrong or replaced callback, and answers heard by the whole group.
 TEST(UdpCastServerTest, DeliversToTheCurrentCallbackOfTheKeyAndAnswersOnlyTheAsker) {
   Inbox alpha, beta, replaced, answers, overheard;  // first: the servers' destructors stop the calls
   UdpCastServer receiver(kGroup, 28001), asker(kGroup, 28001), bystander(kGroup, 28001);
@@ -84,27 +83,7 @@ TEST(UdpCastServerTest, DeliversToTheCurrentCallbackOfTheKeyAndAnswersOnlyTheAsk
   EXPECT_FALSE(receiver.has_callback("beta"));
 }
 
-// Catches bodies cut at fragment boundaries, or refused below the size limit.
-TEST(UdpCastServerTest, BodiesOfEverySizeUpToTheLimitTravelWholeInBothDirections) {
-  Inbox replies;
-  UdpCastServer echo(kGroup, 28004), asker(kGroup, 28904);
-  ServeEcho(&echo, "echo");
-  asker.register_callback("echo_recv", replies.Collect());
-  const size_t cap = echo.max_datagram_bytes() - kUdpFrameHeaderBytes - 4;
-  std::string body;
-  size_t n = 0;
-  for (size_t size : {size_t{0}, cap, cap + 1, size_t{150000}, kUdpMaxBodyBytes}) {
-    for (size_t i = body.size(); i < size; ++i) body += static_cast<char>(i * 7 + i / 251);
-    ASSERT_TRUE(asker.send_data(kGroup, 28004, UdpMessage("echo", body))) << size;
-    ASSERT_EQ(replies.Wait(++n).size(), n) << size;
-    EXPECT_TRUE(replies.Wait().back() == From(echo) + body) << size;
-  }
-  EXPECT_FALSE(asker.send_data(kGroup, 28004, UdpMessage("echo", body + "x")));
-  EXPECT_EQ(echo.dropped_datagrams() + asker.dropped_datagrams(), 0u);
-}
-
-// Catches unregister returning while its callback still runs, waiting on other keys, a
-// deadlock when a callback unregisters itself, and a throwing callback stopping the server.
+// Catches unregister not waiting for a running call, or deadlocking when called from it.
 TEST(UdpCastServerTest, UnregisterWaitsForTheRunningCallButNotForItself) {
   std::atomic<bool> entered{false}, release{false}, finished{false}, returned{false};
   std::atomic<int> once_calls{0};
@@ -168,16 +147,15 @@ TEST(UdpCastServerTest, BadDatagramsAreDroppedAndPartialMessagesAbandoned) {
   EXPECT_EQ(server.stats().dropped_messages, 1u);
 }
 
-// Catches a server that claims to work with a bad group, port or interface, one per call
-// instead of per group and port, and datagrams sent off this host.
+// Catches bad settings accepted, servers not shared per group and port, and sends off the host.
 TEST(UdpCastServerTest, BadSettingsAreRefusedAndNothingLeavesThisHost) {
-  for (auto [group, port, interface_name, reason] :
-       std::vector<std::tuple<std::string, int, std::string, std::string>>{
-           {"127.0.0.1", 28010, "lo", "not an IPv4 multicast address"},
-           {"nonsense", 28010, "lo", "not an IPv4 multicast address"},
-           {kGroup, 0, "lo", "port out of range"},
-           {kGroup, 70000, "lo", "port out of range"},
+  using Row = std::tuple<std::string, int, std::string, std::string>;
+  // clang-format off
+  for (auto [group, port, interface_name, reason] : std::vector<Row>{
+           {"127.0.0.1", 28010, "lo", "not an IPv4 multicast address"}, {kGroup, 0, "lo", "port out of range"},
+           {"nonsense", 28010, "lo", "not an IPv4 multicast address"}, {kGroup, 70000, "lo", "port out of range"},
            {kGroup, 28010, "nosuchif0", "no network interface named \"nosuchif0\""}}) {
+    // clang-format on
     UdpCastOptions options;
     options.interface_name = interface_name;
     UdpCastServer server(group, port, options);

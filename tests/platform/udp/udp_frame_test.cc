@@ -125,8 +125,7 @@ TEST_F(UdpReassemblerTest, FragmentsInAnyOrderAndInterleavedAcrossSendersComeBac
   }
 }
 
-// Catches a message delivered twice, a repeat from another port taken for a duplicate,
-// and fragments of another key, reply or split merged into a message.
+// Catches a message delivered twice, and fragments of another key, reply or split merged in.
 TEST_F(UdpReassemblerTest, RepeatedOrMismatchedFragmentsAreDroppedAndCounted) {
   UdpReassembler r;
   const std::string body = Pattern(3000, 6);
@@ -213,8 +212,7 @@ TEST(MemoryStreamTest, NumbersRoundTripLittleEndian) {
   EXPECT_EQ(in.remaining(), 0u);
 }
 
-// Catches strings cut at NULs or at 64 KiB, reads that move or write on short data, and a
-// reply that keeps the question's body or does not point back at its id.
+// Catches strings cut at NULs or 64 KiB, short reads that move or write, and replies unlinked.
 TEST(MemoryStreamTest, StringsKeepEveryByteAndShortDataFailsWithoutMovingTheCursor) {
   UdpMessage m("key", "raw", 41, 0);
   const std::string big(70000, 'x');
