@@ -2,4 +2,3 @@
 kelo_add_test(bag_view_test play/bag_view_test.cc)
 kelo_add_test(bag_play_test play/bag_play_test.cc)
 kelo_add_test(bag_play_control_test play/bag_play_control_test.cc)
-kelo_add_test(bag_play_thread_test play/bag_play_thread_test.cc)

@@ -12,17 +12,12 @@
 namespace kelo {
 namespace {
 
-TEST(TriggerNoticeTest, TheTextNamesTheTriggerTimeAndLabelInPlainWords) {
+// Every valid notice is written in plain words and parses back to itself.
+TEST(TriggerNoticeTest, EveryValidNoticeParsesBackToItself) {
   EXPECT_EQ((TriggerNotice{1709647629000, "brake_event"}.ToText()), "trigger 1709647629000 brake_event");
   EXPECT_EQ((TriggerNotice{0, ""}.ToText()), "trigger 0");
-}
-
-TEST(TriggerNoticeTest, EveryValidNoticeParsesBackToItself) {
-  const std::vector<long> times = {0, 1, 9, 10, 999, 1709647629000, 1709647629001, TriggerNotice::kMaxTimeMs};
-  const std::vector<std::string> labels = {"",    "a", "brake_event",       "A-b.c_9",
-                                           "...", "-", std::string(64, 'z')};
-  for (long t : times) {
-    for (const std::string& label : labels) {
+  for (long t : {0L, 9L, 10L, 1709647629001L, TriggerNotice::kMaxTimeMs}) {
+    for (const std::string& label : {std::string(), std::string("A-b.c_9z"), std::string("-"), std::string(64, 'Z')}) {
       const TriggerNotice notice{t, label};
       ASSERT_TRUE(notice.IsValid());
       TriggerNotice back{-7, "untouched"};
@@ -33,29 +28,14 @@ TEST(TriggerNoticeTest, EveryValidNoticeParsesBackToItself) {
   }
 }
 
+// Any text it could not have written is rejected, and the notice left alone.
 TEST(TriggerNoticeTest, RejectsEveryTextItCouldNotHaveWrittenAndLeavesTheNoticeAlone) {
   const std::vector<std::string> bad = {
-      "",
-      "trigger",
-      "trigger ",
-      "trigger  1",
-      "Trigger 1",
-      "trigger 1 ",
-      "trigger 1  a",
-      "trigger 01",
-      "trigger -1",
-      "trigger +1",
-      "trigger 1x",
-      "trigger 0x10",
-      "trigger 253402300800000",
-      "trigger 99999999999999999999",
-      "trigger 1 a b",
-      "trigger 1 a/b",
-      "trigger 1 a\tb",
-      "trigger 1 " + std::string(65, 'l'),
-      std::string("trigger 1 a\0b", 13),
-      "trigger 1\n",
-      " trigger 1",
+      "", "trigger", "trigger ", "trigger  1", "Trigger 1", "trigger 1 ", "trigger 1  a", "trigger 01",
+      "trigger -1", "trigger +1", "trigger 1x", "trigger 0x10", "trigger 253402300800000",
+      "trigger 99999999999999999999", "trigger 1 a b", "trigger 1 a/b", "trigger 1 a\tb",
+      "trigger 1 " + std::string(65, 'l'), std::string("trigger 1 a\0b", 13), "trigger 1\n", " trigger 1",
+      "xtrigger 1",
   };
   for (const std::string& text : bad) {
     TriggerNotice notice{42, "kept"};
@@ -63,17 +43,9 @@ TEST(TriggerNoticeTest, RejectsEveryTextItCouldNotHaveWrittenAndLeavesTheNoticeA
     EXPECT_EQ(notice.time_ms, 42);
     EXPECT_EQ(notice.label, "kept");
   }
-}
-
-TEST(TriggerNoticeTest, LabelsAreShortAndSafeInAFileName) {
-  for (const std::string& ok :
-       std::vector<std::string>{"", "x", "brake_event", "v1.2-rc", std::string(64, 'a')}) {
-    EXPECT_TRUE(TriggerNotice::IsValidLabel(ok)) << ok;
-  }
-  for (const std::string& bad :
-       std::vector<std::string>{"a b", "a/b", "../x", "a\\b", "ä", "a*", std::string(65, 'a')}) {
-    EXPECT_FALSE(TriggerNotice::IsValidLabel(bad)) << bad;
-    EXPECT_FALSE((TriggerNotice{1, bad}.IsValid())) << bad;
+  for (const char* label : {"a b", "../x", "a\\b", "\xc3\xa4", "a*"}) {
+    EXPECT_FALSE(TriggerNotice::IsValidLabel(label)) << label;
+    EXPECT_FALSE((TriggerNotice{1, label}.IsValid())) << label;
   }
   EXPECT_FALSE((TriggerNotice{-1, ""}.IsValid()));
   EXPECT_FALSE((TriggerNotice{TriggerNotice::kMaxTimeMs + 1, ""}.IsValid()));
@@ -125,7 +97,7 @@ TEST(TriggerProtocolTest, BodiesDecodeToWhatWasEncodedAndNeverFromAPartOfOne) {
 
   // An event no node could turn into a notice does not decode.
   for (const TriggerEvent& invalid :
-       {TriggerEvent{-1, "x"}, TriggerEvent{1, "a b"}, TriggerEvent{TriggerNotice::kMaxTimeMs + 1, ""}}) {
+       {TriggerEvent{-1, "x", ""}, TriggerEvent{1, "a b", ""}, TriggerEvent{TriggerNotice::kMaxTimeMs + 1, "", ""}}) {
     UdpMessage m;
     Encode(invalid, &m);
     EXPECT_FALSE(Decode(m.body(), &e)) << invalid.label;
