@@ -1,10 +1,14 @@
 #include "play/bag_play.h"
 
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -19,89 +23,82 @@ namespace {
 
 using testing::ElementsAre;
 using testing_support::At;
-using testing_support::PlaybackLog;
 using testing_support::TempDir;
-using testing_support::WallMs;
 using testing_support::WriteBag;
 
-// Merge of several bags: one step per bag time, ties in the order the bags were opened.
-TEST(BagPlayTest, DeliversEqualTimesInOneStepTheBagOpenedFirstFirst) {
-  TempDir dir;
-  const std::string a = WriteBag(dir, "a", {{1000, "/a", "a0", "A"}, {1002, "/a", "a2", "A"}, {1004, "/a", "a4", "A"}});
-  const std::string b = WriteBag(dir, "b", {{1000, "/b", "b0", "B"}, {1003, "/b", "b3", "B"}, {1004, "/b", "b4", "B"}});
-  BagPlay play(std::list<std::string>{a, b});
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  EXPECT_THAT(log.StepToStop(&play), ElementsAre(0, 0, 0, 0, 1));
-  std::vector<std::string> delivered;
-  for (const PlaybackLog::Delivery& d : log.deliveries()) {
-    delivered.push_back(std::to_string(d.step) + ":" + std::to_string(d.time) + " " + d.topic + " " + d.type + " " + d.data);
-  }
-  EXPECT_THAT(delivered, ElementsAre("1:1000 /a A a0", "1:1000 /b B b0", "2:1002 /a A a2", "3:1003 /b B b3",
-                                     "4:1004 /a A a4", "4:1004 /b B b4"));
+// The wall clock as the player reads it: whole milliseconds since the epoch.
+int64_t WallMs() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
 }
 
-// Counts its destruction, so a test sees when the player deletes a port.
-class CountingPort : public PlayPortIntf {
- public:
-  CountingPort(int* destroyed, std::vector<std::string>* received) : destroyed_(destroyed), received_(received) {}
-  ~CountingPort() override { ++*destroyed_; }
-  void Deserialize(const std::string& data) override { received_->push_back(data); }
-
- private:
-  int* destroyed_;
-  std::vector<std::string>* received_;
+// What a player delivers (time, payload, when) and its last timeline report.
+struct PlaybackLog {
+  struct Delivery {
+    long time;
+    std::string text;
+    int64_t wall_ms;
+  };
+  std::vector<Delivery> deliveries;
+  std::string timeline;  // "paused bag_time elapsed_s"
+  void Attach(BagPlay* play) {
+    play->SetMessageCallback([this](long time, const std::string&, const std::string&, const std::string& data) {
+      deliveries.push_back({time, data, WallMs()});
+    });
+    play->SetTimelineInfoCallback([this](bool paused, long bag_time, double elapsed_s, double) {
+      timeline = std::to_string(paused) + " " + std::to_string(bag_time) + " " + std::to_string(elapsed_s);
+    });
+  }
+  int Step(BagPlay* play) { return play->NotifyTimeline(); }
+  std::vector<int> StepToStop(BagPlay* play) {
+    std::vector<int> codes;
+    while (codes.size() < 1000 && (codes.empty() || codes.back() != BagPlay::kStopped)) codes.push_back(Step(play));
+    return codes;
+  }
+  std::vector<long> times() const {
+    std::vector<long> out;
+    for (const Delivery& d : deliveries) out.push_back(d.time);
+    return out;
+  }
 };
 
-// Ports get the exact payload bytes of their topic, are replaced, removed and deleted by the player.
+// Ports get their topic's exact payload bytes and are replaced, removed and deleted (the
+// sanitizer sees a leak or a double delete) by the player.
 TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
   TempDir dir;
-  const std::string binary("\0\x01\xff\r\n\0tail", 10);
-  const std::string bag = WriteBag(dir, "bag", {{1000, "/raw", binary}, {1000, "/c", "c0"}, {1000, "/other", "o"},
-                                                {1001, "/raw", std::string(70000, '\x7f')}, {1001, "/c", "c1"},
-                                                {1002, "/raw", "after clear"}});
-  int destroyed = 0;
-  std::vector<std::string> received;
-  OriginalPlayData raw, unused;  // on the stack: deleting one would be caught by the sanitizer
-  {
-    BagPlay play(bag);
-    play.AddPort("/raw", new PlayPort<OriginalPlayData>(&unused));
-    play.AddPort("/raw", new PlayPort<OriginalPlayData>(&raw));  // replaces the first
-    play.AddPort("/c", new CountingPort(&destroyed, &received));
-    play.AddPort("/c", new CountingPort(&destroyed, &received));
-    EXPECT_EQ(destroyed, 1) << "the replaced port is deleted";
-    play.AddPort("/c", nullptr);
-    EXPECT_EQ(destroyed, 2) << "a null port removes the topic's port";
-    play.AddPort("/c", new CountingPort(&destroyed, &received));
-    PlaybackLog log;
-    log.Attach(&play);
-    ASSERT_TRUE(play.ControlPlay(0, 0));
-    ASSERT_EQ(log.Step(&play), 0);
-    EXPECT_EQ(raw.data, binary);
-    ASSERT_EQ(log.Step(&play), 0);
-    EXPECT_EQ(raw.data, std::string(70000, '\x7f'));
-    EXPECT_EQ(unused.data, "");
-    EXPECT_THAT(received, ElementsAre("c0", "c1"));
-    play.ClearPorts();
-    EXPECT_EQ(destroyed, 3);
-    ASSERT_EQ(log.Step(&play), 0);
-    EXPECT_EQ(raw.data, std::string(70000, '\x7f')) << "no port after ClearPorts";
-    EXPECT_EQ(log.data().back(), "after clear") << "the callback still gets the message";
-    play.AddPort("/c", new CountingPort(&destroyed, &received));
-  }
-  EXPECT_EQ(destroyed, 4) << "the destructor deletes every port";
+  const std::string binary("\0\x01\xff\r\n\0tail", 10), big(70000, '\x7f');
+  BagPlay play(WriteBag(dir, "bag", {{1000, "/raw", binary, "T"}, {1000, "/c", "c0"}, {1001, "/raw", big}, {1002, "/raw", "x"}}));
+  OriginalPlayData raw, unused;
+  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&unused));
+  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&raw));  // replaces the first
+  play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
+  play.AddPort("/c", nullptr);
+  std::string types;
+  play.SetMessageCallback([&](long, const std::string&, const std::string& type, const std::string&) { types += type + ";"; });
+  PlaybackLog log;
+  play.SetTimelineInfoCallback([](bool, long, double, double) {});
+  ASSERT_TRUE(play.ControlPlay(0, 0));
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, binary);
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, big);
+  EXPECT_EQ(unused.data, "");
+  play.ClearPorts();
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, big) << "no port after ClearPorts";
+  EXPECT_EQ(types, "T;demo.Raw;demo.Raw;demo.Raw;") << "the callback still gets every message, with its type";
+  play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
 }
 
-// A bag that cannot be read prints its error once; the others still play.
+// A bag that cannot be read prints its error once; the others still play. Every text also
+// goes to the sink.
 TEST(BagPlayTest, UnreadableBagPrintsItsErrorOnceAndTheOthersPlay) {
   TempDir dir;
   const std::string missing = dir.file("missing.kelobag"), garbage = dir.file("garbage.kelobag");
   std::ofstream(garbage) << "this is not a bag at all";
   const std::string good = WriteBag(dir, "good", At("/t", {1000, 1001}));
   const std::string missing_error = BagReader(missing).get_error(), garbage_error = BagReader(garbage).get_error();
-  ASSERT_NE(missing_error, "");
-  ASSERT_NE(garbage_error, "");
   BagPlay play;
   std::vector<std::string> sink;
   play.output()->set_output_string_func([&sink](const std::string& text) { sink.push_back(text); });
@@ -112,8 +109,42 @@ TEST(BagPlayTest, UnreadableBagPrintsItsErrorOnceAndTheOthersPlay) {
   log.Attach(&play);
   ASSERT_TRUE(play.ControlPlay(0, 0));
   log.StepToStop(&play);
-  EXPECT_THAT(log.data(), ElementsAre("/t@1000", "/t@1001"));
+  EXPECT_THAT(log.times(), ElementsAre(1000, 1001));
   EXPECT_THAT(sink, ElementsAre(missing_error, garbage_error, testing::_, "topic:", "  /t\n", "stop"));
+  EXPECT_NE(missing_error, "");
+  EXPECT_NE(garbage_error, "");
+}
+
+// The console line: state, bag time of the batch last waited for (0 before the first),
+// elapsed and range seconds; each line goes to the sink too.
+TEST(BagPlayTest, TimelineLineShowsStateBagTimeElapsedAndLength) {
+  TempDir dir;
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1002, 1004})));
+  std::string sink;
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(play.ControlPlay(0, 0));
+  testing::internal::GetCapturedStdout();
+  play.output()->set_output_string_func([&sink](const std::string& text) { sink += text; });
+  const struct {
+    std::function<void()> control;
+    int code;
+    std::string line;
+  } steps[] = {
+      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 0   Duration: 0.000000"},
+      {[&] { play.ControlPause(false); }, 0, "RUNNING]  Bag Time: 1000   Duration: 0.000000"},
+      {[] {}, 0, "RUNNING]  Bag Time: 1002   Duration: 0.002000"},
+      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 1002   Duration: 0.002000"},
+      {[&] { play.ControlSingle(); }, 0, "PAUSED ]  Bag Time: 1004   Duration: 0.004000"},
+  };
+  std::string lines;
+  for (const auto& step : steps) {
+    step.control();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(play.NotifyTimeline(), step.code);
+    lines += "\r [" + step.line + " / 0.004000" + std::string(15, ' ') + "\r";
+    EXPECT_EQ(sink, lines);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), lines.substr(lines.rfind("\r [")));
+  }
 }
 
 // No batch comes before its due time, and a pause shifts every later batch by its length.
@@ -133,15 +164,14 @@ TEST(BagPlayTest, EveryBatchWaitsUntilItIsDueAndAPauseDelaysTheRest) {
   const int64_t pause = WallMs() - paused_at_most;
   ASSERT_TRUE(play.ControlPause(false));
   log.StepToStop(&play);
-  const std::vector<PlaybackLog::Delivery> deliveries = log.deliveries();
-  ASSERT_EQ(deliveries.size(), 7u);
-  for (const PlaybackLog::Delivery& d : deliveries) {
-    EXPECT_GE(d.wall_ms, before_play + (d.time - 5000) + (d.time > 5030 ? pause : 0)) << "message at " << d.time;
+  ASSERT_EQ(log.deliveries.size(), 7u);
+  for (const PlaybackLog::Delivery& d : log.deliveries) {
+    EXPECT_GE(d.wall_ms, before_play + (d.time - 5000) + (d.time > 5030 ? pause : 0)) << d.text;
   }
 }
 
 // A single step while paused delivers the next batch at once (one more when one is already
-// due), stays paused, and the clock goes on from that batch.
+// due) and stays paused; the clock goes on from that batch.
 TEST(BagPlayTest, SingleStepPublishesOneBatchWhilePaused) {
   TempDir dir;
   BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 2000, 2000, 3000, 3030})));
@@ -157,18 +187,17 @@ TEST(BagPlayTest, SingleStepPublishesOneBatchWhilePaused) {
   ASSERT_TRUE(play.ControlSingle());
   EXPECT_EQ(log.Step(&play), 0);
   EXPECT_EQ(log.Step(&play), 3);
-  EXPECT_THAT(log.data(), ElementsAre("/t@1000", "/t@2000", "/t@2000", "/t@3000"));
-  EXPECT_TRUE(log.timelines().back().paused);
-  EXPECT_EQ(log.timelines().back().bag_time, 3000);
+  EXPECT_THAT(log.times(), ElementsAre(1000, 2000, 2000, 3000));
+  EXPECT_EQ(log.timeline, "1 3000 2.000000");
   const int64_t resumed_at_least = WallMs();
   ASSERT_TRUE(play.ControlPause(false));
   log.StepToStop(&play);
-  ASSERT_EQ(log.deliveries().size(), 5u);
-  EXPECT_GE(log.deliveries()[4].wall_ms, resumed_at_least + 30) << "the next batch keeps its distance";
+  ASSERT_EQ(log.deliveries.size(), 5u);
+  EXPECT_GE(log.deliveries[4].wall_ms, resumed_at_least + 30) << "the next batch keeps its distance";
 }
 
-// A rewind while paused restarts the clock inside the pause: the pause is not counted from
-// the epoch, so 1000 is due at once again and the single step carries on to 5000.
+// A rewind while paused restarts the clock inside the pause (not from the epoch), so 1000 is
+// due at once again and the single step carries on to 5000.
 TEST(BagPlayTest, ARewindWhilePausedKeepsTheClockOfThePause) {
   TempDir dir;
   BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 5000})));
@@ -191,7 +220,7 @@ TEST(BagPlayTest, ARewindWhilePausedKeepsTheClockOfThePause) {
 TEST(BagPlayTest, LoopReplaysTheRangeUntilSwitchedOff) {
   TempDir dir;
   const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 2000, 3000, 3001, 3002, 4001}));
-  BagPlay play(bag);
+  BagPlay play(bag), again(bag);
   PlaybackLog log;
   log.Attach(&play);
   ASSERT_TRUE(play.ControlLoop(true));
@@ -201,31 +230,28 @@ TEST(BagPlayTest, LoopReplaysTheRangeUntilSwitchedOff) {
   ASSERT_TRUE(play.ControlLoop(false));
   testing::internal::CaptureStdout();
   EXPECT_THAT(log.StepToStop(&play), ElementsAre(0, 0, 1));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "stop\n");
-
-  BagPlay again(bag);
   log.Attach(&again);
   ASSERT_TRUE(again.ControlLoop(true));
   ASSERT_TRUE(again.ControlPlay(3, 0));  // 4001 only
   EXPECT_EQ(log.Step(&again), 0);
   ASSERT_TRUE(again.ControlLoop(false));
-  testing::internal::CaptureStdout();
   EXPECT_EQ(log.Step(&again), 2);
   EXPECT_EQ(log.Step(&again), 2);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "no message\nno message\n");
   EXPECT_FALSE(again.ControlPlay(0, 0)) << "still playing: a new range needs a pause first";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "stop\nduration:\n  0.00\ntopic:\n  /t\nno message\nno message\n");
 }
 
-// Callbacks may replace themselves (heap captures: a destroyed running callback would be a
-// use after free), clear the ports and the message callback.
+// Callbacks may replace themselves (heap captures: destroying the running one would be a use
+// after free), clear the ports and the message callback.
 TEST(BagPlayTest, CallbacksMayReplaceThemselvesAndClearThePorts) {
   TempDir dir;
   BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1000, 1001, 1002})));
   OriginalPlayData raw;
   play.AddPort("/t", new PlayPort<OriginalPlayData>(&raw));
   std::vector<std::string> calls;
-  const std::string first(100, 'm');
-  play.SetMessageCallback([&play, &calls, first](long time, const std::string&, const std::string&, const std::string&) {
+  const std::string first(100, 'm'), timeline(100, 't');
+  play.SetMessageCallback([&play, &calls, first](long time, const std::string&, const std::string&,
+                                                 const std::string&) {
     play.ClearPorts();
     play.SetMessageCallback([&](long time, const std::string&, const std::string&, const std::string&) {
       calls.push_back("second " + std::to_string(time));
@@ -233,15 +259,14 @@ TEST(BagPlayTest, CallbacksMayReplaceThemselvesAndClearThePorts) {
     });
     calls.push_back(first.substr(0, 5) + " " + std::to_string(time));
   });
-  const std::string timeline(100, 't');
   play.SetTimelineInfoCallback([&play, &calls, timeline](bool, long time, double, double) {
-    play.SetTimelineInfoCallback([&calls](bool, long time, double, double) { calls.push_back("tl " + std::to_string(time)); });
+    play.SetTimelineInfoCallback([&calls](bool, long time, double, double) { calls.push_back(std::to_string(time)); });
     calls.push_back(timeline.substr(0, 5) + " " + std::to_string(time));
   });
   ASSERT_TRUE(play.ControlPlay(0, 0));
   PlaybackLog unused;
   EXPECT_THAT(unused.StepToStop(&play), ElementsAre(0, 0, 0, 1));
-  EXPECT_THAT(calls, ElementsAre("ttttt 1000", "mmmmm 1000", "second 1000", "tl 1001", "tl 1002"));
+  EXPECT_THAT(calls, ElementsAre("ttttt 1000", "mmmmm 1000", "second 1000", "1001", "1002"));
   EXPECT_EQ(raw.data, "") << "the port was cleared before its turn";
 }
 
@@ -255,14 +280,117 @@ TEST(BagPlayTest, FilterTakesEffectFromTheNextControlPlay) {
   ASSERT_TRUE(play.ControlPlay(0, 0));
   play.SetFilterTopics({"/b"});
   log.StepToStop(&play);
-  EXPECT_THAT(log.data(), ElementsAre("/a@1000", "/b@1001", "/b@1003"));
   ASSERT_TRUE(play.ControlPause(true));
   ASSERT_TRUE(play.ControlPlay(0, 0));
-  PlaybackLog again;
-  again.Attach(&play);
-  again.StepToStop(&play);
-  EXPECT_THAT(again.data(), ElementsAre("/b@1001", "/b@1003"));
+  log.StepToStop(&play);
+  EXPECT_THAT(log.times(), ElementsAre(1000, 1001, 1003, 1001, 1003));
   EXPECT_EQ(play.GetAllTopics().size(), 2u);
+}
+
+// What each control call returns in each state, and the code of the step after it.
+TEST(BagPlayTest, EveryControlCallReportsWhetherItActedInEveryState) {
+  enum State { kIdle, kRunning, kPaused, kStepping, kExhausted, kEnded, kQuitPaused };
+  TempDir dir;
+  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001, 1002}));
+  const std::vector<std::function<bool(BagPlay*)>> ops = {
+      [](BagPlay* p) { return p->ControlPlay(0, 0); },   [](BagPlay* p) { return p->ControlPause(true); },
+      [](BagPlay* p) { return p->ControlPause(false); }, [](BagPlay* p) { return p->ControlLoop(true); },
+      [](BagPlay* p) { return p->ControlLoop(false); },  [](BagPlay* p) { return p->ControlSingle(); },
+      [](BagPlay* p) { return p->ControlQuit(); },
+  };
+  const struct {
+    State state;
+    std::vector<bool> acted;     // per op above
+    std::vector<int> next_code;  // of the step after it
+  } table[] = {
+      {kIdle, {1, 0, 1, 1, 0, 1, 1}, {0, 1, 1, 1, 1, 1, 1}},
+      {kRunning, {0, 1, 0, 1, 0, 0, 1}, {0, 3, 0, 0, 0, 0, 1}},
+      {kPaused, {1, 0, 1, 1, 0, 1, 1}, {0, 3, 0, 3, 3, 0, 1}},
+      {kStepping, {1, 0, 1, 1, 0, 1, 1}, {0, 0, 0, 0, 0, 0, 1}},
+      {kExhausted, {0, 1, 0, 1, 0, 0, 1}, {2, 2, 2, 2, 2, 2, 1}},
+      {kEnded, {0, 1, 0, 1, 0, 0, 1}, {1, 1, 1, 1, 1, 1, 1}},
+      {kQuitPaused, {1, 0, 1, 1, 0, 1, 1}, {0, 1, 1, 1, 1, 1, 1}},
+  };
+  testing::internal::CaptureStdout();
+  for (const auto& row : table) {
+    for (size_t i = 0; i < ops.size(); ++i) {
+      BagPlay play(bag);
+      PlaybackLog log;
+      log.Attach(&play);
+      if (row.state == kExhausted) play.SetFilterTopics({"/nothing"});
+      EXPECT_TRUE(row.state == kIdle || play.ControlPlay(0, 0));
+      const bool paused = row.state == kPaused || row.state == kStepping || row.state == kQuitPaused;
+      EXPECT_TRUE(!paused || play.ControlPause(true));
+      EXPECT_TRUE(row.state != kStepping || play.ControlSingle());
+      EXPECT_TRUE(row.state != kQuitPaused || play.ControlQuit());
+      if (row.state == kEnded) log.StepToStop(&play);
+      EXPECT_EQ(ops[i](&play), row.acted[i]) << "state " << row.state << ", op " << i;
+      EXPECT_EQ(log.Step(&play), row.next_code[i]) << "state " << row.state << ", op " << i << ", then a step";
+    }
+  }
+  testing::internal::GetCapturedStdout();
+}
+
+// A seek while paused plays from the new position (of every bag) with a fresh clock.
+TEST(BagPlayTest, SeekWhilePausedStartsFromTheNewPosition) {
+  TempDir dir;
+  const std::string a = WriteBag(dir, "a", At("/a", {1000, 3000, 5000}));
+  const std::string b = WriteBag(dir, "b", At("/b", {2000, 3000, 4000}));
+  BagPlay play(std::list<std::string>{a, b});
+  PlaybackLog log;
+  log.Attach(&play);
+  ASSERT_TRUE(play.ControlPlay(0, 0));
+  ASSERT_EQ(log.Step(&play), 0);
+  ASSERT_TRUE(play.ControlPause(true));
+  ASSERT_TRUE(play.ControlPlay(2, 0));
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_THAT(log.times(), ElementsAre(1000, 3000, 3000));
+  EXPECT_EQ(log.timeline, "0 3000 0.000000") << "the clock restarts at the new position";
+}
+
+// An empty timeline callback throws from each step that reports, and the lock is released.
+TEST(BagPlayTest, EmptyTimelineCallbackThrowsAndReleasesTheLock) {
+  TempDir dir;
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1001})));
+  play.SetTimelineInfoCallback(nullptr);
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(play.ControlPlay(0, 0));
+  EXPECT_THROW(play.NotifyTimeline(), std::bad_function_call);
+  EXPECT_TRUE(play.ControlPause(true));
+  EXPECT_THROW(play.NotifyTimeline(), std::bad_function_call);
+  EXPECT_TRUE(play.ControlQuit());
+  EXPECT_EQ(play.NotifyTimeline(), 1);
+  testing::internal::GetCapturedStdout();
+}
+
+// A call from another thread while a step is delivering returns only after that step: each
+// operation that takes the lock is tried while a message callback holds it.
+TEST(BagPlayTest, CallsFromAnotherThreadWaitForTheStepUnderWay) {
+  TempDir dir;
+  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001}));
+  const std::vector<std::function<void(BagPlay*)>> ops = {
+      [](BagPlay* p) { p->ControlPlay(0, 0); }, [](BagPlay* p) { p->ControlPause(true); },
+      [](BagPlay* p) { p->ControlLoop(true); }, [](BagPlay* p) { p->ControlSingle(); },
+      [](BagPlay* p) { p->ControlQuit(); },     [](BagPlay* p) { p->NotifyTimeline(); },
+      [](BagPlay* p) { p->ReadBags({}); },
+  };
+  testing::internal::CaptureStdout();
+  for (size_t i = 0; i < ops.size(); ++i) {
+    BagPlay play(bag);
+    std::atomic<bool> entered{false}, left{false};
+    play.SetMessageCallback([&](long, const std::string&, const std::string&, const std::string&) {
+      if (entered.exchange(true)) return;
+      usleep(50 * 1000);
+      left = true;
+    });
+    ASSERT_TRUE(play.ControlPlay(0, 0));
+    std::thread stepper([&] { play.NotifyTimeline(); });
+    while (!entered) std::this_thread::yield();
+    ops[i](&play);
+    EXPECT_TRUE(left) << "operation " << i << " returned while the step held the lock";
+    stepper.join();
+  }
+  testing::internal::GetCapturedStdout();
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
 #ifndef KELO_TESTS_PLAY_PLAY_TEST_BAGS_H_
 #define KELO_TESTS_PLAY_PLAY_TEST_BAGS_H_
 
-#include <sys/time.h>
-
-#include <cstdint>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,7 +9,6 @@
 
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
-#include "play/bag_play.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
@@ -48,81 +43,6 @@ inline std::vector<TestMessage> At(const std::string& topic, const std::vector<l
   for (long time : times) messages.emplace_back(time, topic);
   return messages;
 }
-
-// The wall clock as the player reads it: whole milliseconds since the epoch.
-inline int64_t WallMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
-}
-
-// Records what a player delivers and reports, from whichever thread steps it.
-class PlaybackLog {
- public:
-  struct Delivery {
-    long time;
-    std::string topic, type, data;
-    int64_t wall_ms;  // when the callback ran
-    int step;         // which Step() delivered it
-  };
-  struct Timeline {
-    bool paused;
-    long bag_time;
-    double elapsed_s;
-  };
-
-  void Attach(BagPlay* play) {
-    play->SetMessageCallback([this](long time, const std::string& topic, const std::string& type,
-                                    const std::string& data) {
-      const int64_t now = WallMs();
-      std::lock_guard<std::mutex> hold(mutex_);
-      deliveries_.push_back(Delivery{time, topic, type, data, now, step_});
-    });
-    play->SetTimelineInfoCallback([this](bool paused, long bag_time, double elapsed_s, double) {
-      std::lock_guard<std::mutex> hold(mutex_);
-      timelines_.push_back(Timeline{paused, bag_time, elapsed_s});
-    });
-  }
-  int Step(BagPlay* play) {
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      ++step_;
-    }
-    return play->NotifyTimeline();
-  }
-  // Steps until "stop" (at most `limit` steps); returns the codes.
-  std::vector<int> StepToStop(BagPlay* play, int limit = 1000) {
-    std::vector<int> codes;
-    while (static_cast<int>(codes.size()) < limit && (codes.empty() || codes.back() != BagPlay::kStopped)) {
-      codes.push_back(Step(play));
-    }
-    return codes;
-  }
-  std::vector<Delivery> deliveries() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return deliveries_;
-  }
-  std::vector<Timeline> timelines() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return timelines_;
-  }
-  std::vector<std::string> data() {
-    std::vector<std::string> out;
-    for (const Delivery& d : deliveries()) out.push_back(d.data);
-    return out;
-  }
-  std::vector<long> times() {
-    std::vector<long> out;
-    for (const Delivery& d : deliveries()) out.push_back(d.time);
-    return out;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<Delivery> deliveries_;
-  std::vector<Timeline> timelines_;
-  int step_ = 0;
-};
 
 }  // namespace testing_support
 }  // namespace kelo
