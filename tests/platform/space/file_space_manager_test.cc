@@ -83,10 +83,7 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
 
   FileSpaceManager space(dir, "bag_", ".kelobag", 50, GetParam());
   std::vector<std::string> seen;
-  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) {
-    seen = files;
-    return true;
-  }));
+  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) { return !(seen = files).empty(); }));
   EXPECT_EQ(seen, std::vector<std::string>{dir + "/bag_old.kelobag"});
   EXPECT_FALSE(Exists(dir + "/bag_old.kelobag"));
   // With a limit of 1 only its own files go; the rest never counts.
@@ -108,18 +105,14 @@ TEST_P(FileSpaceManagerTest, AsksOnlyWhenFilesMustGoAndAVetoKeepsThemAll) {
   MakeFile(dir.file("mid_a.kelobag"), 60, kDay + 1);
   MakeFile(dir.file("new.kelobag"), 60, kDay + 2);
   MakeFile(dir.file("y.kelobag.active"), 600, kDay);  // an empty prefix still skips what is written
-  bool asked = false;
-  for (unsigned long limit : {0ul, 240ul}) {  // no limit; a limit the folder fits
-    FileSpaceManager space(dir.path(), "", ".kelobag", limit, GetParam());
-    EXPECT_TRUE(space.free([&](const std::vector<std::string>&) { return asked = true; }));
-  }
-  EXPECT_FALSE(asked);
-  FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
   std::vector<std::string> seen;
-  EXPECT_FALSE(space.free([&](const std::vector<std::string>& files) {
-    seen = files;
-    return false;
-  }));
+  auto veto = [&](const std::vector<std::string>& files) { return (seen = files).empty(); };
+  for (unsigned long limit : {0ul, 240ul}) {  // no limit; a limit the folder fits
+    EXPECT_TRUE(FileSpaceManager(dir.path(), "", ".kelobag", limit, GetParam()).free(veto));
+  }
+  EXPECT_TRUE(seen.empty()) << "asked although nothing must go";
+  FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
+  EXPECT_FALSE(space.free(veto));
   EXPECT_EQ(seen, (std::vector<std::string>{dir.file("old.kelobag"), dir.file("mid_a.kelobag"),
                                             dir.file("mid_b.kelobag")}));
   EXPECT_EQ(dir.List().size(), 5u);
@@ -127,12 +120,9 @@ TEST_P(FileSpaceManagerTest, AsksOnlyWhenFilesMustGoAndAVetoKeepsThemAll) {
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"new.kelobag", "y.kelobag.active"}));
 }
 
-TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDeletesNothingAndDoesNotFit) {
-  TempDir dir;
-  FileSpaceManager missing(dir.file("absent"), "", ".kelobag", 10, GetParam());
-  EXPECT_FALSE(missing.free(nullptr));
-  FileSpaceManager empty("", "", ".kelobag", 10, GetParam());
-  EXPECT_FALSE(empty.free(nullptr));
+TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDoesNotFit) {
+  EXPECT_FALSE(FileSpaceManager("/nonexistent/absent", "", ".kelobag", 10, GetParam()).free(nullptr));
+  EXPECT_FALSE(FileSpaceManager("", "", ".kelobag", 10, GetParam()).free(nullptr));
 }
 
 // Files replaced, removed, added or rewritten in place between calls are seen (an index
@@ -176,11 +166,9 @@ TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFil
       if (!space->free(nullptr)) ++failures;  // another's deletions are no failure
     }
   };
-  std::thread a(run, &shared), b(run, &shared), c(run, &other);
+  std::thread threads[] = {std::thread(run, &shared), std::thread(run, &shared), std::thread(run, &other)};
   writer.join();
-  a.join();
-  b.join();
-  c.join();
+  for (std::thread& t : threads) t.join();
   EXPECT_EQ(failures, 0);
   EXPECT_TRUE(shared.free(nullptr));
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"f97.kelobag", "f98.kelobag", "f99.kelobag",
@@ -190,8 +178,7 @@ TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFil
 INSTANTIATE_TEST_SUITE_P(BothModes, FileSpaceManagerTest,
                          ::testing::Values(FileSpaceManager::kIndexed, FileSpaceManager::kRescan),
                          [](const ::testing::TestParamInfo<FileSpaceManager::Mode>& info) {
-                           return info.param == FileSpaceManager::kIndexed ? std::string("Indexed")
-                                                                           : std::string("Rescan");
+                           return std::string(info.param == FileSpaceManager::kIndexed ? "Indexed" : "Rescan");
                          });
 
 }  // namespace
