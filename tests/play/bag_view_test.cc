@@ -66,8 +66,7 @@ TEST_F(BagViewTest, MergesManyBagsIntoOneTimeOrder) {
   EXPECT_EQ(Drain(&view), expected);
 }
 
-// Each range positions every bag (closing the ones already over), ends inclusively to the
-// millisecond and is clipped to the end of the longest bag.
+// A range positions every bag (closing finished ones), ends inclusively, is clipped to the longest bag.
 TEST_F(BagViewTest, RangesPositionEveryBagAndEndAtTheMillisecond) {
   BagReader* a = Open("a", At("/a", {1000, 1500}));
   BagReader* b = Open("b", At("/b", {1200, 4000}));
@@ -104,8 +103,7 @@ TEST_F(BagViewTest, RangesPositionEveryBagAndEndAtTheMillisecond) {
   EXPECT_THAT(Drain(&narrowed), IsEmpty());
 }
 
-// The filter passes only its topics once positioned (an empty one passes all), and a reset
-// replays the last range from its start.
+// The filter passes only its topics once positioned (empty: all); a reset replays the last range.
 TEST_F(BagViewTest, FilterAndResetReplayTheFilteredRange) {
   std::vector<TestMessage> messages;
   for (long t = 0; t < 9; ++t) messages.emplace_back(1000 + t, "/t" + std::to_string(t % 3));

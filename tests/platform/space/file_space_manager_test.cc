@@ -21,7 +21,6 @@ namespace {
 
 using testing_support::TempDir;
 
-// Base of the modification times given to files: one second apart, from an arbitrary day.
 constexpr time_t kDay = 1709600000;
 
 void MakeFile(const std::string& path, size_t size, time_t mtime) {
@@ -38,8 +37,7 @@ bool Exists(const std::string& path) {
 // Every rule must hold in both modes.
 class FileSpaceManagerTest : public ::testing::TestWithParam<FileSpaceManager::Mode> {};
 
-// Drops from the oldest while the rest is over the limit, for limits at, just under and
-// just over the size of every set of newest files.
+// Drops the oldest while over the limit, for limits at and next to the size of every newest-files set.
 TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFit) {
   const std::vector<size_t> sizes = {30, 5, 70, 1, 0, 44, 12};  // oldest first
   std::set<unsigned long> limits;
@@ -96,8 +94,7 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
   EXPECT_FALSE(Exists(dir + "/bag_new.kelobag"));
 }
 
-// Only when something must go is anyone asked (oldest first, equal times in name order),
-// and a veto keeps everything.
+// Asked only when files must go (oldest first, ties by name); a veto keeps everything.
 TEST_P(FileSpaceManagerTest, AsksOnlyWhenFilesMustGoAndAVetoKeepsThemAll) {
   TempDir dir;
   MakeFile(dir.file("old.kelobag"), 60, kDay);
@@ -125,8 +122,7 @@ TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDoesNotFit) {
   EXPECT_FALSE(FileSpaceManager("", "", ".kelobag", 10, GetParam()).free(nullptr));
 }
 
-// Files replaced, removed, added or rewritten in place between calls are seen (an index
-// measures again what it is about to delete).
+// Files replaced, removed, added or rewritten in place between calls are seen (victims re-measured).
 TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
   TempDir dir;
   MakeFile(dir.file("a.kelobag"), 10, kDay);

@@ -51,8 +51,7 @@ TEST(TriggerNoticeTest, RejectsEveryTextItCouldNotHaveWrittenAndLeavesTheNoticeA
   EXPECT_FALSE((TriggerNotice{TriggerNotice::kMaxTimeMs + 1, ""}.IsValid()));
 }
 
-// Bodies decode to what was encoded; the last field of each came later, so a body without it
-// (an older peer's) decodes with it empty, a cut before it fails, and more may follow.
+// Bodies decode to what was encoded; without the (later) last field it is empty; any shorter cut fails.
 TEST(TriggerProtocolTest, BodiesDecodeToWhatWasEncodedAndNeverFromAPartOfOne) {
   using namespace trigger_protocol;
   UdpMessage event, ack, done;

@@ -100,8 +100,7 @@ std::map<std::string, TriggerSender::NodeResult> ByNode(const std::vector<Trigge
   return by_node;
 }
 
-// One trigger reaches the nodes of every process; the sender learns what each saved: only the
-// last report made during the node's own notice counts (relative paths made absolute).
+// A trigger reaches every process's nodes; the sender learns the last file each reported in its notice.
 TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSenderLearnsWhatEachSaved) {
   PeerProcess peer(KELO_TRIGGER_PEER, {"nodes", "0", "p1", "p2"});
   ASSERT_TRUE(peer.WaitForLine("ready"));
@@ -142,8 +141,7 @@ TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSender
   EXPECT_EQ(peer.Stop(), 0);
 }
 
-// Notices come no earlier than the duration after the trigger time, in the order they fall due
-// (equal ones in the order they came), and the sender is told when.
+// Notices come no earlier than due, in due order (ties in arrival order); the sender is told when.
 TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
   NoticeLog log;
   TriggerRecordNodeApi at_once("bag_record", "d0", kDir, 0), later("bag_record", "d1", kDir, 1);
@@ -174,8 +172,7 @@ TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
   EXPECT_THAT(order, testing::ElementsAre("due_past", "due_a", "due_b", "due_c"));
 }
 
-// A node open to any process refuses triggers from the future, floods, what its owner will
-// not take and, with a key, unsigned ones; a trigger sent again gets what came of it.
+// Refused: the future, floods, what the owner's check rejects, unsigned ones with a key; repeats answered.
 TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAndWhatItsOwnerWillNotTake) {
   NoticeLog log;
   TriggerRecordNodeApi node("bag_record", "guarded", kDir, 0);
@@ -233,8 +230,7 @@ TEST(TriggerKeyTest, SignsWithHmacSha256) {
   EXPECT_EQ("", TriggerKey().Sign(5, "a"));
 }
 
-// What a notice saved is not carried into the next one, a callback that throws saves
-// nothing, and later notices still come.
+// A notice's file is not carried into the next; a throwing callback saves nothing; later notices come.
 TEST(TriggerRecordNodeApiTest, EachNoticeReportsOnlyItsOwnFileEvenWhenTheCallbackThrows) {
   NoticeLog log;
   TriggerRecordNodeApi node("bag_record", "thrower", kDir, 0);
@@ -254,8 +250,7 @@ TEST(TriggerRecordNodeApiTest, EachNoticeReportsOnlyItsOwnFileEvenWhenTheCallbac
   EXPECT_EQ(log.With("later", 1).size(), 1u);
 }
 
-// Destruction waits for the notice in progress, and tells senders still waiting for a
-// notice that nothing was saved.
+// Destruction waits for the notice in progress and tells waiting senders that nothing was saved.
 TEST(TriggerRecordNodeApiTest, DestructionWaitsForTheNoticeInProgressAndAnswersTheRest) {
   std::atomic<bool> entered{false}, release{false}, finished{false}, destroyed{false};
   auto slow = std::make_unique<TriggerRecordNodeApi>("bag_record", "slow", kDir, 0);
@@ -286,8 +281,7 @@ TEST(TriggerRecordNodeApiTest, DestructionWaitsForTheNoticeInProgressAndAnswersT
   EXPECT_FALSE(by_node["patient"].saved);
 }
 
-// Nodes made and destroyed in any state (idle, in a callback, with notices queued) while
-// triggers keep arriving: the sanitizers see the races and leaks.
+// Nodes destroyed in any state while triggers keep arriving: the sanitizers see races and leaks.
 TEST(TriggerRecordNodeApiTest, NodesComeAndGoSafelyWhileTriggersKeepArriving) {
   std::atomic<bool> stop{false};
   std::thread firing([&] {
