@@ -34,7 +34,6 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-// Every rule must hold in both modes.
 class FileSpaceManagerTest : public ::testing::TestWithParam<FileSpaceManager::Mode> {};
 
 // Drops the oldest while over the limit, for limits at and next to the size of every newest-files set.
@@ -141,15 +140,14 @@ TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"a.kelobag", "d.kelobag"}));
 }
 
+// Concurrent calls (one manager shared, another beside it) keep the budget while files keep coming.
 TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFiles) {
   TempDir dir;
   MakeFile(dir.file("keep.kelobag.active"), 5000, kDay);
-  FileSpaceManager shared(dir.path(), "", ".kelobag", 300, GetParam());
-  FileSpaceManager other(dir.path(), "", ".kelobag", 300, GetParam());
+  FileSpaceManager shared(dir.path(), "", ".kelobag", 300, GetParam()), other(dir.path(), "", ".kelobag", 300, GetParam());
   std::atomic<bool> done{false};
   std::thread writer([&] {
-    // Completed files appear whole, by rename, as the bag library makes them.
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 100; ++i) {  // completed files appear whole, by rename, as the bag library makes them
       const std::string name = dir.file("f" + std::to_string(i) + ".kelobag");
       MakeFile(name + ".active", 100, kDay + i);
       rename((name + ".active").c_str(), name.c_str());
@@ -158,9 +156,7 @@ TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFil
   });
   std::atomic<int> failures{0};
   auto run = [&](FileSpaceManager* space) {
-    while (!done) {
-      if (!space->free(nullptr)) ++failures;  // another's deletions are no failure
-    }
+    while (!done) failures += space->free(nullptr) ? 0 : 1;  // another's deletions are no failure
   };
   std::thread threads[] = {std::thread(run, &shared), std::thread(run, &shared), std::thread(run, &other)};
   writer.join();
