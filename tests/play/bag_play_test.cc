@@ -1,11 +1,14 @@
 #include "play/bag_play.h"
 
+#include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -14,377 +17,338 @@
 #include "output/tools_module_output.h"
 #include "platform/bag/bag_reader.h"
 #include "tests/play/play_test_bags.h"
-#include "tests/play/playback_log.h"
-#include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace {
 
 using testing::ElementsAre;
 using testing_support::At;
-using testing_support::PlaybackLog;
 using testing_support::TempDir;
-using testing_support::WallMs;
 using testing_support::WriteBag;
 
-// Steps until the player stops (at most `limit` steps); returns the codes.
-std::vector<int> StepToStop(PlaybackLog* log, BagPlay* play, int limit = 1000) {
-  std::vector<int> codes;
-  while (static_cast<int>(codes.size()) < limit) {
-    codes.push_back(log->Step(play));
-    if (codes.back() == BagPlay::kStopped) break;
+// The wall clock as the player reads it: whole milliseconds since the epoch.
+int64_t WallMs() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
+}
+
+// What a player delivers (time, payload, when) and its last timeline report.
+struct PlaybackLog {
+  struct Delivery {
+    long time;
+    std::string text;
+    int64_t wall_ms;
+  };
+  std::vector<Delivery> deliveries;
+  std::string timeline;  // "paused bag_time elapsed_s"
+  void Attach(BagPlay* play) {
+    play->SetMessageCallback([this](long time, const std::string&, const std::string&, const std::string& data) {
+      deliveries.push_back({time, data, WallMs()});
+    });
+    play->SetTimelineInfoCallback([this](bool paused, long bag_time, double elapsed_s, double) {
+      timeline = std::to_string(paused) + " " + std::to_string(bag_time) + " " + std::to_string(elapsed_s);
+    });
   }
-  return codes;
-}
-
-TEST(BagPlayTest, DeliversEqualTimesInOneStepTheBagOpenedFirstFirst) {
-  TempDir dir;
-  const std::string a =
-      WriteBag(dir, "a", {{1000, "/a", "a0", "A"}, {1002, "/a", "a2", "A"}, {1004, "/a", "a4", "A"}});
-  const std::string b =
-      WriteBag(dir, "b", {{1000, "/b", "b0", "B"}, {1003, "/b", "b3", "B"}, {1004, "/b", "b4", "B"}});
-  BagPlay play(std::list<std::string>{a, b});
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  EXPECT_THAT(StepToStop(&log, &play), ElementsAre(0, 0, 0, 0, 1));
-
-  std::vector<std::string> delivered;
-  for (const PlaybackLog::Delivery& d : log.deliveries()) {
-    delivered.push_back(std::to_string(d.step) + ":" + std::to_string(d.time) + " " + d.topic + " " + d.type +
-                        " " + d.data);
+  int Step(BagPlay* play) { return play->NotifyTimeline(); }
+  std::vector<int> StepToStop(BagPlay* play) {
+    std::vector<int> codes;
+    while (codes.size() < 1000 && (codes.empty() || codes.back() != BagPlay::kStopped)) codes.push_back(Step(play));
+    return codes;
   }
-  EXPECT_THAT(delivered, ElementsAre("1:1000 /a A a0", "1:1000 /b B b0", "2:1002 /a A a2", "3:1003 /b B b3",
-                                     "4:1004 /a A a4", "4:1004 /b B b4"));
-}
-
-TEST(BagPlayTest, PortsReceiveExactlyThePayloadBytes) {
-  TempDir dir;
-  const std::string binary("\0\x01\xff\r\n\0tail", 10);
-  const std::string bag = WriteBag(dir, "bag",
-                                   {{1000, "/raw", binary},
-                                    {1000, "/other", "not for the port"},
-                                    {1001, "/raw", std::string(70000, '\x7f')},
-                                    {1002, "/raw", "after clear"}});
-  BagPlay play(bag);
-  OriginalPlayData raw;
-  OriginalPlayData unused;
-  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&unused));
-  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&raw));  // replaces (and deletes) the first
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-
-  ASSERT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(raw.data, binary);
-  EXPECT_EQ(raw.data.size(), 10u);
-  ASSERT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(raw.data, std::string(70000, '\x7f'));
-  EXPECT_EQ(unused.data, "") << "a replaced port receives nothing";
-
-  play.ClearPorts();
-  ASSERT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(raw.data, std::string(70000, '\x7f')) << "no port after ClearPorts";
-  EXPECT_EQ(log.data().back(), "after clear") << "the callback still gets the message";
-}
-
-// Counts its own destruction, so a test can see when the player deletes a port.
-class CountingPort : public PlayPortIntf {
- public:
-  CountingPort(int* destroyed, std::vector<std::string>* received)
-      : destroyed_(destroyed), received_(received) {}
-  ~CountingPort() override { ++*destroyed_; }
-  void Deserialize(const std::string& data) override { received_->push_back(data); }
-
- private:
-  int* destroyed_;
-  std::vector<std::string>* received_;
+  std::vector<long> times() const {
+    std::vector<long> out;
+    for (const Delivery& d : deliveries) out.push_back(d.time);
+    return out;
+  }
 };
 
-TEST(BagPlayTest, OwnsItsPortsButNotTheirRecords) {
+// Ports get their topic's exact bytes; the player replaces, removes and deletes them (ASan sees leaks).
+TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001}));
-  int destroyed = 0;
-  std::vector<std::string> received;
-  OriginalPlayData raw;  // on the stack: deleting it would be caught by the sanitizer
-  {
-    BagPlay play(bag);
-    play.AddPort("/t", new CountingPort(&destroyed, &received));
-    play.AddPort("/t", new CountingPort(&destroyed, &received));
-    EXPECT_EQ(destroyed, 1) << "the replaced port";
-    play.AddPort("/t", nullptr);
-    EXPECT_EQ(destroyed, 2) << "a null port removes the topic's port";
-    play.AddPort("/t", new CountingPort(&destroyed, &received));
-    play.AddPort("/u", new PlayPort<OriginalPlayData>(&raw));
-    PlaybackLog log;
-    log.Attach(&play);
-    play.ControlPlay(0, 0);
-    StepToStop(&log, &play);
-    EXPECT_THAT(received, ElementsAre("/t@1000", "/t@1001"));
-  }
-  EXPECT_EQ(destroyed, 3) << "the destructor deletes every port";
-  raw.data = "still mine";
+  const std::string binary("\0\x01\xff\r\n\0tail", 10), big(70000, '\x7f');
+  BagPlay play(WriteBag(dir, "bag", {{1000, "/raw", binary, "T"}, {1000, "/c", "c0"}, {1001, "/raw", big}, {1002, "/raw", "x"}}));
+  OriginalPlayData raw, unused;
+  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&unused));
+  play.AddPort("/raw", new PlayPort<OriginalPlayData>(&raw));  // replaces the first
+  play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
+  play.AddPort("/c", nullptr);
+  std::string types;
+  play.SetMessageCallback([&](long, const std::string&, const std::string& type, const std::string&) { types += type + ";"; });
+  PlaybackLog log;
+  play.SetTimelineInfoCallback([](bool, long, double, double) {});
+  ASSERT_TRUE(play.ControlPlay(0, 0));
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, binary);
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, big);
+  EXPECT_EQ(unused.data, "");
+  play.ClearPorts();
+  ASSERT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(raw.data, big) << "no port after ClearPorts";
+  EXPECT_EQ(types, "T;demo.Raw;demo.Raw;demo.Raw;") << "the callback still gets every message, with its type";
+  play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
 }
 
+// A bag that cannot be read prints its error once (console and sink); the others still play.
 TEST(BagPlayTest, UnreadableBagPrintsItsErrorOnceAndTheOthersPlay) {
   TempDir dir;
-  const std::string missing = dir.file("missing.kelobag");
-  const std::string garbage = dir.file("garbage.kelobag");
+  const std::string missing = dir.file("missing.kelobag"), garbage = dir.file("garbage.kelobag");
   std::ofstream(garbage) << "this is not a bag at all";
   const std::string good = WriteBag(dir, "good", At("/t", {1000, 1001}));
-  const std::string missing_error = BagReader(missing).get_error();
-  const std::string garbage_error = BagReader(garbage).get_error();
-  ASSERT_NE(missing_error, "");
-  ASSERT_NE(garbage_error, "");
-
+  const std::string missing_error = BagReader(missing).get_error(), garbage_error = BagReader(garbage).get_error();
   BagPlay play;
   std::vector<std::string> sink;
   play.output()->set_output_string_func([&sink](const std::string& text) { sink.push_back(text); });
   testing::internal::CaptureStdout();
   play.ReadBags({missing, good, garbage});
   EXPECT_EQ(testing::internal::GetCapturedStdout(), missing_error + "\n" + garbage_error + "\n");
-  EXPECT_THAT(sink, ElementsAre(missing_error, garbage_error));
-
   PlaybackLog log;
   log.Attach(&play);
   ASSERT_TRUE(play.ControlPlay(0, 0));
-  StepToStop(&log, &play);
-  EXPECT_THAT(log.data(), ElementsAre("/t@1000", "/t@1001"));
-  EXPECT_EQ(std::count(sink.begin(), sink.end(), missing_error), 1) << "printed once, not per step";
+  log.StepToStop(&play);
+  EXPECT_THAT(log.times(), ElementsAre(1000, 1001));
+  EXPECT_THAT(sink, ElementsAre(missing_error, garbage_error, testing::_, "topic:", "  /t\n", "stop"));
+  EXPECT_NE(missing_error, "");
+  EXPECT_NE(garbage_error, "");
 }
 
-TEST(BagPlayTest, EveryBatchWaitsUntilItIsDue) {
+// The timeline line: state, bag time last waited for (0 at first), elapsed and range; also to the sink.
+TEST(BagPlayTest, TimelineLineShowsStateBagTimeElapsedAndLength) {
   TempDir dir;
-  // Gaps of 0 to 40 ms, with a tie.
-  const std::vector<long> times = {5000, 5001, 5010, 5010, 5030, 5031, 5070, 5071};
-  const std::string bag = WriteBag(dir, "bag", At("/t", times));
-  BagPlay play(bag);
-  PlaybackLog log;
-  log.Attach(&play);
-  const int64_t before_play = WallMs();
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1002, 1004})));
+  std::string sink;
+  testing::internal::CaptureStdout();
   ASSERT_TRUE(play.ControlPlay(0, 0));
-  StepToStop(&log, &play);
-  const std::vector<PlaybackLog::Delivery> deliveries = log.deliveries();
-  ASSERT_EQ(deliveries.size(), times.size());
-  for (const PlaybackLog::Delivery& d : deliveries) {
-    EXPECT_GE(d.wall_ms, before_play + (d.time - 5000)) << "message at " << d.time << " came early";
+  testing::internal::GetCapturedStdout();
+  play.output()->set_output_string_func([&sink](const std::string& text) { sink += text; });
+  const struct {
+    std::function<void()> control;
+    int code;
+    std::string line;
+  } steps[] = {
+      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 0   Duration: 0.000000"},
+      {[&] { play.ControlPause(false); }, 0, "RUNNING]  Bag Time: 1000   Duration: 0.000000"},
+      {[] {}, 0, "RUNNING]  Bag Time: 1002   Duration: 0.002000"},
+      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 1002   Duration: 0.002000"},
+      {[&] { play.ControlSingle(); }, 0, "PAUSED ]  Bag Time: 1004   Duration: 0.004000"},
+  };
+  std::string lines;
+  for (const auto& step : steps) {
+    step.control();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(play.NotifyTimeline(), step.code);
+    lines += "\r [" + step.line + " / 0.004000" + std::string(15, ' ') + "\r";
+    EXPECT_EQ(sink, lines);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), lines.substr(lines.rfind("\r [")));
   }
 }
 
-TEST(BagPlayTest, APauseDelaysEveryLaterMessageByItsLength) {
+// No batch comes before its due time, and a pause shifts every later batch by its length.
+TEST(BagPlayTest, EveryBatchWaitsUntilItIsDueAndAPauseDelaysTheRest) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1020, 1040, 1060}));
-  BagPlay play(bag);
+  BagPlay play(WriteBag(dir, "bag", At("/t", {5000, 5001, 5010, 5010, 5030, 5031, 5070})));
   PlaybackLog log;
   log.Attach(&play);
   const int64_t before_play = WallMs();
   ASSERT_TRUE(play.ControlPlay(0, 0));
-  ASSERT_EQ(log.Step(&play), 0);
-  ASSERT_EQ(log.Step(&play), 0);
-
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(log.Step(&play), 0);  // up to 5030
   ASSERT_TRUE(play.ControlPause(true));
   const int64_t paused_at_most = WallMs();
   EXPECT_EQ(log.Step(&play), 3);
-  usleep(120 * 1000);
+  usleep(100 * 1000);
   EXPECT_EQ(log.Step(&play), 3);
-  const int64_t resumed_at_least = WallMs();
+  const int64_t pause = WallMs() - paused_at_most;
   ASSERT_TRUE(play.ControlPause(false));
-  const int64_t pause = resumed_at_least - paused_at_most;
-  ASSERT_GE(pause, 120);
-
-  StepToStop(&log, &play);
-  const std::vector<PlaybackLog::Delivery> deliveries = log.deliveries();
-  ASSERT_EQ(deliveries.size(), 4u);
-  for (size_t i = 2; i < deliveries.size(); ++i) {
-    EXPECT_GE(deliveries[i].wall_ms, before_play + (deliveries[i].time - 1000) + pause)
-        << "message at " << deliveries[i].time;
+  log.StepToStop(&play);
+  ASSERT_EQ(log.deliveries.size(), 7u);
+  for (const PlaybackLog::Delivery& d : log.deliveries) {
+    EXPECT_GE(d.wall_ms, before_play + (d.time - 5000) + (d.time > 5030 ? pause : 0)) << d.text;
   }
 }
 
+// A single step delivers the next batch at once (one more if one is due), stays paused, moves the clock.
 TEST(BagPlayTest, SingleStepPublishesOneBatchWhilePaused) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 2000, 2000, 3000, 4000}));
-  BagPlay play(bag);
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  ASSERT_EQ(log.Step(&play), 0);
-  ASSERT_TRUE(play.ControlPause(true));
-
-  // The batches lie a second apart; a single step delivers the next one without waiting
-  // for it, then playback is paused again.
-  for (long batch : {2000, 3000}) {
-    ASSERT_TRUE(play.ControlSingle());
-    EXPECT_EQ(log.Step(&play), 0);
-    EXPECT_EQ(log.deliveries().back().time, batch);
-    EXPECT_EQ(log.Step(&play), 3);
-    EXPECT_EQ(log.Step(&play), 3);
-  }
-  EXPECT_THAT(log.data(), ElementsAre("/t@1000", "/t@2000", "/t@2000", "/t@3000"));
-  EXPECT_TRUE(log.timelines().back().paused);
-  EXPECT_EQ(log.timelines().back().bag_time, 3000);
-}
-
-TEST(BagPlayTest, SingleStepOnABatchAlreadyDuePlaysOneMore) {
-  TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 2000, 3000}));
-  BagPlay play(bag);
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 2000, 2000, 3000, 3030})));
   PlaybackLog log;
   log.Attach(&play);
   ASSERT_TRUE(play.ControlPlay(0, 0));
   ASSERT_TRUE(play.ControlPause(true));
   ASSERT_TRUE(play.ControlSingle());
   EXPECT_EQ(log.Step(&play), 0);  // 1000 is due: the single step is not used up
-  EXPECT_EQ(log.Step(&play), 0);  // 2000 is not: it is published at once, using it up
+  EXPECT_EQ(log.Step(&play), 0);  // 2000 is not: published at once, using it up
   EXPECT_EQ(log.Step(&play), 3);
-  EXPECT_THAT(log.data(), ElementsAre("/t@1000", "/t@2000"));
-}
-
-TEST(BagPlayTest, AfterASingleStepTheClockResumesFromThatBatch) {
-  TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1500, 1530}));
-  BagPlay play(bag);
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  ASSERT_EQ(log.Step(&play), 0);
-  ASSERT_TRUE(play.ControlPause(true));
+  EXPECT_EQ(log.Step(&play), 3);
   ASSERT_TRUE(play.ControlSingle());
-  ASSERT_EQ(log.Step(&play), 0);  // 1500, half a second early
+  EXPECT_EQ(log.Step(&play), 0);
+  EXPECT_EQ(log.Step(&play), 3);
+  EXPECT_THAT(log.times(), ElementsAre(1000, 2000, 2000, 3000));
+  EXPECT_EQ(log.timeline, "1 3000 2.000000");
   const int64_t resumed_at_least = WallMs();
   ASSERT_TRUE(play.ControlPause(false));
-  StepToStop(&log, &play);
-  ASSERT_EQ(log.deliveries().size(), 3u);
-  EXPECT_GE(log.deliveries()[2].wall_ms, resumed_at_least + 30) << "the next batch keeps its distance";
+  log.StepToStop(&play);
+  ASSERT_EQ(log.deliveries.size(), 5u);
+  EXPECT_GE(log.deliveries[4].wall_ms, resumed_at_least + 30) << "the next batch keeps its distance";
 }
 
+// A rewind while paused restarts the clock inside the pause (not at the epoch): 1000 is due at once.
 TEST(BagPlayTest, ARewindWhilePausedKeepsTheClockOfThePause) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 5000}));
-  BagPlay play(bag);
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 5000})));
   PlaybackLog log;
   log.Attach(&play);
   ASSERT_TRUE(play.ControlLoop(true));
   ASSERT_TRUE(play.ControlPlay(0, 0));
   ASSERT_TRUE(play.ControlPause(true));
-  ASSERT_TRUE(play.ControlSingle());
-  ASSERT_EQ(log.Step(&play), 0);  // 1000, due: the single step stays armed
-  ASSERT_EQ(log.Step(&play), 0);  // 5000, early: uses it up
-  EXPECT_EQ(log.Step(&play), 3);  // rewinds to 1000 while paused
-
-  // The rewind restarted the clock, so 1000 is due at once again and the single step
-  // carries on to 5000. Had the pause been forgotten, the clock would be off by the
-  // whole epoch and 1000 would look hours away.
-  ASSERT_TRUE(play.ControlSingle());
-  EXPECT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(log.Step(&play), 3);
-  std::vector<long> times;
-  for (const PlaybackLog::Delivery& d : log.deliveries()) times.push_back(d.time);
-  EXPECT_THAT(times, ElementsAre(1000, 5000, 1000, 5000));
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(play.ControlSingle());
+    EXPECT_EQ(log.Step(&play), 0);
+    EXPECT_EQ(log.Step(&play), 0);
+    EXPECT_EQ(log.Step(&play), 3);  // rewinds to 1000 while paused
+  }
+  EXPECT_THAT(log.times(), ElementsAre(1000, 5000, 1000, 5000));
 }
 
-TEST(BagPlayTest, LoopRewindsToTheFirstBatch) {
+// Loop replays the range; switched off it ends in "stop", or "no message" after the last batch.
+TEST(BagPlayTest, LoopReplaysTheRangeUntilSwitchedOff) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001, 1002}));
-  BagPlay play(bag);
+  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 2000, 3000, 3001, 3002, 4001}));
+  BagPlay play(bag), again(bag);
   PlaybackLog log;
   log.Attach(&play);
   ASSERT_TRUE(play.ControlLoop(true));
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  for (int i = 0; i < 7; ++i) EXPECT_EQ(log.Step(&play), 0);
-  EXPECT_THAT(log.data(),
-              ElementsAre("/t@1000", "/t@1001", "/t@1002", "/t@1000", "/t@1001", "/t@1002", "/t@1000"));
-
-  // Without loop the range ends: the last batch returns 0, then "stop".
-  ASSERT_TRUE(play.ControlLoop(false));
-  EXPECT_EQ(log.Step(&play), 0);
-  EXPECT_EQ(log.Step(&play), 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(log.Step(&play), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "stop\n");
-}
-
-TEST(BagPlayTest, LoopReplaysTheChosenRangeOnly) {
-  TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 2000, 3000, 3001, 3002, 4001}));
-  BagPlay play(bag);
-  PlaybackLog log;
-  log.Attach(&play);
-  play.ControlLoop(true);
   ASSERT_TRUE(play.ControlPlay(2, 1));  // 3000 to 4000
   for (int i = 0; i < 7; ++i) ASSERT_EQ(log.Step(&play), 0);
-  EXPECT_THAT(log.data(),
-              ElementsAre("/t@3000", "/t@3001", "/t@3002", "/t@3000", "/t@3001", "/t@3002", "/t@3000"));
+  EXPECT_THAT(log.times(), ElementsAre(3000, 3001, 3002, 3000, 3001, 3002, 3000));
+  ASSERT_TRUE(play.ControlLoop(false));
+  testing::internal::CaptureStdout();
+  EXPECT_THAT(log.StepToStop(&play), ElementsAre(0, 0, 1));
+  log.Attach(&again);
+  ASSERT_TRUE(again.ControlLoop(true));
+  ASSERT_TRUE(again.ControlPlay(3, 0));  // 4001 only
+  EXPECT_EQ(log.Step(&again), 0);
+  ASSERT_TRUE(again.ControlLoop(false));
+  EXPECT_EQ(log.Step(&again), 2);
+  EXPECT_EQ(log.Step(&again), 2);
+  EXPECT_FALSE(again.ControlPlay(0, 0)) << "still playing: a new range needs a pause first";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "stop\nduration:\n  0.00\ntopic:\n  /t\nno message\nno message\n");
 }
 
-TEST(BagPlayTest, CallbacksMayReplaceThemselves) {
+// Callbacks may replace themselves (ASan: no use after free), clear the ports and the message callback.
+TEST(BagPlayTest, CallbacksMayReplaceThemselvesAndClearThePorts) {
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001, 1002}));
-  BagPlay play(bag);
-  std::vector<std::string> calls;
-  // Captures that live on the heap: if the running callback were destroyed when it
-  // replaces itself, reading them afterwards would be a use after free.
-  const std::string first_name(100, 'm');
-  play.SetMessageCallback([&play, &calls, first_name](long time, const std::string&, const std::string&,
-                                                      const std::string&) {
-    play.SetMessageCallback([&calls](long time, const std::string&, const std::string&, const std::string&) {
-      calls.push_back("second " + std::to_string(time));
-    });
-    calls.push_back(first_name.substr(0, 5) + " " + std::to_string(time));
-  });
-  const std::string timeline_name(100, 't');
-  play.SetTimelineInfoCallback([&play, &calls, timeline_name](bool, long time, double, double) {
-    play.SetTimelineInfoCallback(
-        [&calls](bool, long time, double, double) { calls.push_back("timeline " + std::to_string(time)); });
-    calls.push_back(timeline_name.substr(0, 5) + " " + std::to_string(time));
-  });
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  PlaybackLog unused;
-  StepToStop(&unused, &play);
-  EXPECT_THAT(calls, ElementsAre("ttttt 1000", "mmmmm 1000", "timeline 1001", "second 1001", "timeline 1002",
-                                 "second 1002"));
-}
-
-TEST(BagPlayTest, CallbacksMayClearThePortsAndTheCallbacks) {
-  TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1000, 1001}));
-  BagPlay play(bag);
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1000, 1001, 1002})));
   OriginalPlayData raw;
   play.AddPort("/t", new PlayPort<OriginalPlayData>(&raw));
-  int calls = 0;
-  play.SetMessageCallback([&](long, const std::string&, const std::string&, const std::string&) {
-    ++calls;
+  std::vector<std::string> calls;
+  const std::string first(100, 'm'), timeline(100, 't');
+  play.SetMessageCallback([&play, &calls, first](long time, const std::string&, const std::string&,
+                                                 const std::string&) {
     play.ClearPorts();
-    play.SetMessageCallback(nullptr);
+    play.SetMessageCallback([&](long time, const std::string&, const std::string&, const std::string&) {
+      calls.push_back("second " + std::to_string(time));
+      play.SetMessageCallback(nullptr);
+    });
+    calls.push_back(first.substr(0, 5) + " " + std::to_string(time));
   });
-  play.SetTimelineInfoCallback([](bool, long, double, double) {});
+  play.SetTimelineInfoCallback([&play, &calls, timeline](bool, long time, double, double) {
+    play.SetTimelineInfoCallback([&calls](bool, long time, double, double) { calls.push_back(std::to_string(time)); });
+    calls.push_back(timeline.substr(0, 5) + " " + std::to_string(time));
+  });
   ASSERT_TRUE(play.ControlPlay(0, 0));
   PlaybackLog unused;
-  EXPECT_THAT(StepToStop(&unused, &play), ElementsAre(0, 0, 1));
-  EXPECT_EQ(calls, 1);
+  EXPECT_THAT(unused.StepToStop(&play), ElementsAre(0, 0, 0, 1));
+  EXPECT_THAT(calls, ElementsAre("ttttt 1000", "mmmmm 1000", "second 1000", "1001", "1002"));
   EXPECT_EQ(raw.data, "") << "the port was cleared before its turn";
 }
 
-TEST(BagPlayTest, FilterTakesEffectFromTheNextControlPlay) {
+// What each control call returns in each state, and the code of the step after it.
+TEST(BagPlayTest, EveryControlCallReportsWhetherItActedInEveryState) {
+  enum State { kIdle, kRunning, kPaused, kStepping, kExhausted, kEnded, kQuitPaused };
   TempDir dir;
-  const std::string bag = WriteBag(dir, "bag", {{1000, "/a"}, {1001, "/b"}, {1002, "/a"}, {1003, "/b"}});
-  BagPlay play(bag);
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  play.SetFilterTopics({"/b"});
-  StepToStop(&log, &play);
-  // /a@1000 was already taken as the first message; /a@1002 is filtered.
-  EXPECT_THAT(log.data(), ElementsAre("/a@1000", "/b@1001", "/b@1003"));
+  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001, 1002}));
+  const std::vector<std::function<bool(BagPlay*)>> ops = {
+      [](BagPlay* p) { return p->ControlPlay(0, 0); },   [](BagPlay* p) { return p->ControlPause(true); },
+      [](BagPlay* p) { return p->ControlPause(false); }, [](BagPlay* p) { return p->ControlLoop(true); },
+      [](BagPlay* p) { return p->ControlLoop(false); },  [](BagPlay* p) { return p->ControlSingle(); },
+      [](BagPlay* p) { return p->ControlQuit(); },
+  };
+  const struct {
+    State state;
+    std::vector<bool> acted;     // per op above
+    std::vector<int> next_code;  // of the step after it
+  } table[] = {
+      {kIdle, {1, 0, 1, 1, 0, 1, 1}, {0, 1, 1, 1, 1, 1, 1}},
+      {kRunning, {0, 1, 0, 1, 0, 0, 1}, {0, 3, 0, 0, 0, 0, 1}},
+      {kPaused, {1, 0, 1, 1, 0, 1, 1}, {0, 3, 0, 3, 3, 0, 1}},
+      {kStepping, {1, 0, 1, 1, 0, 1, 1}, {0, 0, 0, 0, 0, 0, 1}},
+      {kExhausted, {0, 1, 0, 1, 0, 0, 1}, {2, 2, 2, 2, 2, 2, 1}},
+      {kEnded, {0, 1, 0, 1, 0, 0, 1}, {1, 1, 1, 1, 1, 1, 1}},
+      {kQuitPaused, {1, 0, 1, 1, 0, 1, 1}, {0, 1, 1, 1, 1, 1, 1}},
+  };
+  testing::internal::CaptureStdout();
+  for (const auto& row : table) {
+    for (size_t i = 0; i < ops.size(); ++i) {
+      BagPlay play(bag);
+      PlaybackLog log;
+      log.Attach(&play);
+      if (row.state == kExhausted) play.SetFilterTopics({"/nothing"});
+      EXPECT_TRUE(row.state == kIdle || play.ControlPlay(0, 0));
+      const bool paused = row.state == kPaused || row.state == kStepping || row.state == kQuitPaused;
+      EXPECT_TRUE(!paused || play.ControlPause(true));
+      EXPECT_TRUE(row.state != kStepping || play.ControlSingle());
+      EXPECT_TRUE(row.state != kQuitPaused || play.ControlQuit());
+      if (row.state == kEnded) log.StepToStop(&play);
+      EXPECT_EQ(ops[i](&play), row.acted[i]) << "state " << row.state << ", op " << i;
+      EXPECT_EQ(log.Step(&play), row.next_code[i]) << "state " << row.state << ", op " << i << ", then a step";
+    }
+  }
+  testing::internal::GetCapturedStdout();
+}
 
-  ASSERT_TRUE(play.ControlPause(true));
+// An empty timeline callback throws from each step that reports, and the lock is released.
+TEST(BagPlayTest, EmptyTimelineCallbackThrowsAndReleasesTheLock) {
+  TempDir dir;
+  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1001})));
+  play.SetTimelineInfoCallback(nullptr);
+  testing::internal::CaptureStdout();
   ASSERT_TRUE(play.ControlPlay(0, 0));
-  PlaybackLog again;
-  again.Attach(&play);
-  StepToStop(&again, &play);
-  EXPECT_THAT(again.data(), ElementsAre("/b@1001", "/b@1003"));
-  EXPECT_EQ(play.GetAllTopics().size(), 2u) << "the filter does not hide topics";
+  EXPECT_THROW(play.NotifyTimeline(), std::bad_function_call);
+  EXPECT_TRUE(play.ControlPause(true));
+  EXPECT_THROW(play.NotifyTimeline(), std::bad_function_call);
+  EXPECT_TRUE(play.ControlQuit());
+  EXPECT_EQ(play.NotifyTimeline(), 1);
+  testing::internal::GetCapturedStdout();
+}
+
+// Each locking call from another thread waits while a step (here its message callback) holds the lock.
+TEST(BagPlayTest, CallsFromAnotherThreadWaitForTheStepUnderWay) {
+  TempDir dir;
+  const std::string bag = WriteBag(dir, "bag", At("/t", {1000, 1001}));
+  const std::vector<std::function<void(BagPlay*)>> ops = {
+      [](BagPlay* p) { p->ControlPlay(0, 0); }, [](BagPlay* p) { p->ControlPause(true); },
+      [](BagPlay* p) { p->ControlLoop(true); }, [](BagPlay* p) { p->ControlSingle(); },
+      [](BagPlay* p) { p->ControlQuit(); },     [](BagPlay* p) { p->NotifyTimeline(); },
+      [](BagPlay* p) { p->ReadBags({}); },
+  };
+  testing::internal::CaptureStdout();
+  for (size_t i = 0; i < ops.size(); ++i) {
+    BagPlay play(bag);
+    std::atomic<bool> entered{false}, left{false};
+    play.SetMessageCallback([&](long, const std::string&, const std::string&, const std::string&) {
+      if (entered.exchange(true)) return;
+      usleep(50 * 1000);
+      left = true;
+    });
+    ASSERT_TRUE(play.ControlPlay(0, 0));
+    std::thread stepper([&] { play.NotifyTimeline(); });
+    while (!entered) std::this_thread::yield();
+    ops[i](&play);
+    EXPECT_TRUE(left) << "operation " << i << " returned while the step held the lock";
+    stepper.join();
+  }
+  testing::internal::GetCapturedStdout();
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
-#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,7 +21,6 @@ namespace {
 
 using testing_support::TempDir;
 
-// Base of the modification times given to files: one second apart, from an arbitrary day.
 constexpr time_t kDay = 1709600000;
 
 void MakeFile(const std::string& path, size_t size, time_t mtime) {
@@ -35,44 +34,30 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-// Every rule must hold in both modes.
 class FileSpaceManagerTest : public ::testing::TestWithParam<FileSpaceManager::Mode> {};
 
-TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFitForEveryLimit) {
+// Drops the oldest while over the limit, for limits at and next to the size of every newest-files set.
+TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFit) {
   const std::vector<size_t> sizes = {30, 5, 70, 1, 0, 44, 12};  // oldest first
-  size_t total = 0;
-  for (size_t s : sizes) total += s;
-  // Around every sum of the newest files: 12, 56, 57, 127, 132, 162.
-  for (unsigned long limit : {1, 11, 12, 13, 55, 56, 57, 58, 126, 127, 128, 131, 132, 133, 161, 162, 163}) {
+  std::set<unsigned long> limits;
+  size_t newest = 0;
+  for (size_t i = sizes.size(); i-- > 0;) {
+    newest += sizes[i];
+    for (size_t limit : {newest - 1, newest, newest + 1}) limits.insert(limit);
+  }
+  for (unsigned long limit : limits) {
     TempDir dir;
     for (size_t i = 0; i < sizes.size(); ++i) {  // name order and age order differ
       MakeFile(dir.file("f" + std::to_string(6 - i) + ".kelobag"), sizes[i], kDay + static_cast<time_t>(i));
     }
-    // Expected: drop from the oldest while the rest is over the limit.
-    size_t left = total, first_kept = 0;
+    size_t left = newest, first_kept = 0;
     while (left > limit) left -= sizes[first_kept++];
     std::vector<std::string> expected;
-    for (size_t i = first_kept; i < sizes.size(); ++i)
-      expected.push_back("f" + std::to_string(6 - i) + ".kelobag");
-    std::sort(expected.begin(), expected.end());
-
+    for (size_t i = sizes.size(); i-- > first_kept;) expected.push_back("f" + std::to_string(6 - i) + ".kelobag");
     FileSpaceManager space(dir.path(), "", ".kelobag", limit, GetParam());
     EXPECT_TRUE(space.free(nullptr)) << "limit " << limit;
     EXPECT_EQ(dir.List(), expected) << "limit " << limit;
   }
-}
-
-TEST_P(FileSpaceManagerTest, EqualModificationTimesGoInNameOrder) {
-  TempDir dir;
-  for (const char* name : {"b.kelobag", "c.kelobag", "a.kelobag"}) MakeFile(dir.file(name), 10, kDay);
-  FileSpaceManager space(dir.path(), "", ".kelobag", 15, GetParam());
-  std::vector<std::string> seen;
-  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) {
-    seen = files;
-    return true;
-  }));
-  EXPECT_EQ(seen, (std::vector<std::string>{dir.file("a.kelobag"), dir.file("b.kelobag")}));
-  EXPECT_EQ(dir.List(), std::vector<std::string>{"c.kelobag"});
 }
 
 TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
@@ -95,106 +80,81 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
 
   FileSpaceManager space(dir, "bag_", ".kelobag", 50, GetParam());
   std::vector<std::string> seen;
-  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) {
-    seen = files;
-    return true;
-  }));
+  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) { return !(seen = files).empty(); }));
   EXPECT_EQ(seen, std::vector<std::string>{dir + "/bag_old.kelobag"});
-  for (const std::string& name : foreign) EXPECT_TRUE(Exists(dir + "/" + name)) << name;
-  EXPECT_TRUE(Exists(dir + "/bag_sub.kelobag/bag_7.kelobag"));
-  EXPECT_TRUE(Exists(dir + "/bag_link.kelobag"));
-  EXPECT_TRUE(Exists(dir + "/bag_dangling.kelobag"));
-  EXPECT_TRUE(Exists(outside.file("bag_8.kelobag")));
-  EXPECT_TRUE(Exists(dir + "/bag_new.kelobag"));
   EXPECT_FALSE(Exists(dir + "/bag_old.kelobag"));
-
-  // Nothing it manages is left but the newest file; the rest never counts.
+  // With a limit of 1 only its own files go; the rest never counts.
   FileSpaceManager strict(dir, "bag_", ".kelobag", 1, GetParam());
   EXPECT_TRUE(strict.free(nullptr));
-  for (const std::string& name : foreign) EXPECT_TRUE(Exists(dir + "/" + name)) << name;
-  EXPECT_TRUE(Exists(outside.file("bag_8.kelobag")));
+  std::vector<std::string> kept = {"bag_sub.kelobag/bag_7.kelobag", "bag_link.kelobag", "bag_dangling.kelobag",
+                                   "../bag_8.kelobag"};
+  kept.insert(kept.end(), foreign.begin(), foreign.end());
+  for (const std::string& name : kept) EXPECT_TRUE(Exists(dir + "/" + name)) << name;
+  EXPECT_FALSE(Exists(dir + "/bag_new.kelobag"));
 }
 
-// Only when something must go is anyone asked, and a veto keeps everything.
+// Asked only when files must go (oldest first, ties by name); a veto keeps everything.
 TEST_P(FileSpaceManagerTest, AsksOnlyWhenFilesMustGoAndAVetoKeepsThemAll) {
   TempDir dir;
   MakeFile(dir.file("old.kelobag"), 60, kDay);
-  MakeFile(dir.file("mid.kelobag"), 60, kDay + 1);
+  MakeFile(dir.file("mid_b.kelobag"), 60, kDay + 1);
+  MakeFile(dir.file("mid_a.kelobag"), 60, kDay + 1);
   MakeFile(dir.file("new.kelobag"), 60, kDay + 2);
   MakeFile(dir.file("y.kelobag.active"), 600, kDay);  // an empty prefix still skips what is written
-  bool asked = false;
-  for (unsigned long limit : {0ul, 180ul}) {  // no limit; a limit the folder fits
-    FileSpaceManager space(dir.path(), "", ".kelobag", limit, GetParam());
-    EXPECT_TRUE(space.free([&](const std::vector<std::string>&) { return asked = true; }));
-  }
-  EXPECT_FALSE(asked);
-  FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
   std::vector<std::string> seen;
-  EXPECT_FALSE(space.free([&](const std::vector<std::string>& files) {
-    seen = files;
-    return false;
-  }));
-  EXPECT_EQ(seen, (std::vector<std::string>{dir.file("old.kelobag"), dir.file("mid.kelobag")}));
-  EXPECT_EQ(dir.List().size(), 4u);
-  // Agreeing next time deletes exactly what was shown.
+  auto veto = [&](const std::vector<std::string>& files) { return (seen = files).empty(); };
+  for (unsigned long limit : {0ul, 240ul}) {  // no limit; a limit the folder fits
+    EXPECT_TRUE(FileSpaceManager(dir.path(), "", ".kelobag", limit, GetParam()).free(veto));
+  }
+  EXPECT_TRUE(seen.empty()) << "asked although nothing must go";
+  FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
+  EXPECT_FALSE(space.free(veto));
+  EXPECT_EQ(seen, (std::vector<std::string>{dir.file("old.kelobag"), dir.file("mid_a.kelobag"),
+                                            dir.file("mid_b.kelobag")}));
+  EXPECT_EQ(dir.List().size(), 5u);
   EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) { return files == seen; }));
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"new.kelobag", "y.kelobag.active"}));
 }
 
-TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDeletesNothingAndDoesNotFit) {
-  TempDir dir;
-  FileSpaceManager missing(dir.file("absent"), "", ".kelobag", 10, GetParam());
+// A folder that cannot be read does not fit, said once, not at every call; no budget checks nothing.
+TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDoesNotFit) {
+  FileSpaceManager missing("/nonexistent/absent", "", ".kelobag", 10, GetParam());
   testing::internal::CaptureStderr();
   EXPECT_FALSE(missing.free(nullptr));
   EXPECT_FALSE(missing.free(nullptr));
+  EXPECT_FALSE(FileSpaceManager("", "", ".kelobag", 10, GetParam()).free(nullptr));
   const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << "said once, not at every call: " << said;
-  FileSpaceManager empty("", "", ".kelobag", 10, GetParam());
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(empty.free(nullptr));
-  testing::internal::GetCapturedStderr();
-  FileSpaceManager unlimited(dir.file("absent"), "", ".kelobag", 0, GetParam());
-  EXPECT_TRUE(unlimited.free(nullptr)) << "no budget, nothing to check";
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+  EXPECT_TRUE(FileSpaceManager("/nonexistent/absent", "", ".kelobag", 0, GetParam()).free(nullptr));
 }
 
+// Files replaced, removed, added or rewritten in place between calls are seen (victims re-measured).
 TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
   TempDir dir;
   MakeFile(dir.file("a.kelobag"), 10, kDay);
   MakeFile(dir.file("b.kelobag"), 10, kDay + 1);
+  MakeFile(dir.file("d.kelobag"), 10, kDay + 2);
   FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
-  EXPECT_TRUE(space.free(nullptr));  // fits; an index now knows a and b
-
-  // "a" is replaced by a newer, larger file of the same name; "b" vanishes; "c" appears.
+  EXPECT_TRUE(space.free(nullptr));  // fits; an index now knows a, b and d
+  // "a" is replaced by a newer, larger file of the same name; "b" vanishes; "c" appears;
+  // "d" becomes the newest without a new directory entry.
   MakeFile(dir.file("a.tmp"), 60, kDay + 10);
   ASSERT_EQ(rename(dir.file("a.tmp").c_str(), dir.file("a.kelobag").c_str()), 0);
   ASSERT_EQ(unlink(dir.file("b.kelobag").c_str()), 0);
-  MakeFile(dir.file("c.kelobag"), 60, kDay + 5);
+  MakeFile(dir.file("c.kelobag"), 40, kDay + 5);
+  MakeFile(dir.file("d.kelobag"), 10, kDay + 20);
   EXPECT_TRUE(space.free(nullptr));
-  EXPECT_EQ(dir.List(), std::vector<std::string>{"a.kelobag"});
+  EXPECT_EQ(dir.List(), (std::vector<std::string>{"a.kelobag", "d.kelobag"}));
 }
 
-TEST_P(FileSpaceManagerTest, AFileRewrittenInPlaceIsMeasuredAgainBeforeItIsDeleted) {
-  TempDir dir;
-  MakeFile(dir.file("a.kelobag"), 10, kDay);
-  MakeFile(dir.file("b.kelobag"), 10, kDay + 1);
-  FileSpaceManager space(dir.path(), "", ".kelobag", 25, GetParam());
-  EXPECT_TRUE(space.free(nullptr));
-  // "a" becomes the newest without a new directory entry; "c" pushes the folder over.
-  MakeFile(dir.file("a.kelobag"), 10, kDay + 9);
-  MakeFile(dir.file("c.kelobag"), 10, kDay + 2);
-  EXPECT_TRUE(space.free(nullptr));
-  EXPECT_EQ(dir.List(), (std::vector<std::string>{"a.kelobag", "c.kelobag"}));
-}
-
+// Concurrent calls (one manager shared, another beside it) keep the budget while files keep coming.
 TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFiles) {
   TempDir dir;
   MakeFile(dir.file("keep.kelobag.active"), 5000, kDay);
-  FileSpaceManager shared(dir.path(), "", ".kelobag", 300, GetParam());
-  FileSpaceManager other(dir.path(), "", ".kelobag", 300, GetParam());
+  FileSpaceManager shared(dir.path(), "", ".kelobag", 300, GetParam()), other(dir.path(), "", ".kelobag", 300, GetParam());
   std::atomic<bool> done{false};
   std::thread writer([&] {
-    // Completed files appear whole, by rename, as the bag library makes them.
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 100; ++i) {  // completed files appear whole, by rename, as the bag library makes them
       const std::string name = dir.file("f" + std::to_string(i) + ".kelobag");
       MakeFile(name + ".active", 100, kDay + i);
       rename((name + ".active").c_str(), name.c_str());
@@ -203,26 +163,21 @@ TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFil
   });
   std::atomic<int> failures{0};
   auto run = [&](FileSpaceManager* space) {
-    while (!done) {
-      if (!space->free(nullptr)) ++failures;  // another's deletions are no failure
-    }
+    while (!done) failures += space->free(nullptr) ? 0 : 1;  // another's deletions are no failure
   };
-  std::thread a(run, &shared), b(run, &shared), c(run, &other);
+  std::thread threads[] = {std::thread(run, &shared), std::thread(run, &shared), std::thread(run, &other)};
   writer.join();
-  a.join();
-  b.join();
-  c.join();
+  for (std::thread& t : threads) t.join();
   EXPECT_EQ(failures, 0);
   EXPECT_TRUE(shared.free(nullptr));
-  EXPECT_EQ(dir.List(), (std::vector<std::string>{"f197.kelobag", "f198.kelobag", "f199.kelobag",
+  EXPECT_EQ(dir.List(), (std::vector<std::string>{"f97.kelobag", "f98.kelobag", "f99.kelobag",
                                                   "keep.kelobag.active"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothModes, FileSpaceManagerTest,
                          ::testing::Values(FileSpaceManager::kIndexed, FileSpaceManager::kRescan),
                          [](const ::testing::TestParamInfo<FileSpaceManager::Mode>& info) {
-                           return info.param == FileSpaceManager::kIndexed ? std::string("Indexed")
-                                                                           : std::string("Rescan");
+                           return std::string(info.param == FileSpaceManager::kIndexed ? "Indexed" : "Rescan");
                          });
 
 }  // namespace

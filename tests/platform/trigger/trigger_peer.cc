@@ -44,10 +44,7 @@ int RunNodes(unsigned int duration, const std::vector<std::string>& names) {
   }
   kelo::UdpCastServer* server =
       kelo::UdpCastManager::GetCastServer(kelo::trigger_protocol::kGroup, kelo::trigger_protocol::kPort);
-  if (!server->ok()) {
-    std::fprintf(stderr, "%s\n", server->error().c_str());
-    return 1;
-  }
+  if (!server->ok()) return std::fprintf(stderr, "%s\n", server->error().c_str()), 1;
   {
     std::lock_guard<std::mutex> lock(out);
     std::printf("ready\n");
@@ -68,10 +65,7 @@ int Send(const std::string& label, int timeout_ms, int ack_window_ms) {
   for (const kelo::TriggerSender::NodeResult& r : sender.Send(label, 0, timeout_ms)) {
     std::printf("result %s %d %s\n", r.node.c_str(), r.answered ? 1 : 0, r.file.c_str());
   }
-  if (!sender.error().empty()) {
-    std::fprintf(stderr, "%s\n", sender.error().c_str());
-    return 1;
-  }
+  if (!sender.error().empty()) return std::fprintf(stderr, "%s\n", sender.error().c_str()), 1;
   std::printf("sent\n");
   return 0;
 }
