@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <zstd.h>
 
 #include <algorithm>
 
@@ -91,6 +92,22 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
   std::string out, error;
   EXPECT_FALSE(decompressor.Decompress("bz2", "x", 1, 1, &out, &error));
   EXPECT_NE(std::string::npos, error.find("bz2"));
+}
+
+// A zstd frame from another writer, with a checksum: cut inside the checksum, every byte
+// of the records is there, yet the chunk is truncated.
+TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
+  const std::string records = testing_support::Noise(5000, 9);
+  ZSTD_CCtx* cctx = ZSTD_createCCtx();
+  ZSTD_CCtx_setParameter(cctx, ZSTD_c_checksumFlag, 1);
+  std::string stored(ZSTD_compressBound(records.size()), '\0');
+  stored.resize(ZSTD_compress2(cctx, &stored[0], stored.size(), records.data(), records.size()));
+  ZSTD_freeCCtx(cctx);
+  ChunkDecompressor decompressor;
+  std::string back, error;
+  ASSERT_TRUE(decompressor.Decompress("zstd", stored.data(), stored.size(), records.size(), &back, &error)) << error;
+  EXPECT_FALSE(decompressor.Decompress("zstd", stored.data(), stored.size() - 2, records.size(), &back, &error));
+  EXPECT_NE(error.find("truncated"), std::string::npos) << error;
 }
 
 // A file that shrinks under a reader gives a failed read, never a hang.
