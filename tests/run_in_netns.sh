@@ -22,10 +22,14 @@ if [ "$1" != "$inside_marker" ]; then
     echo "$0: unshare (util-linux) is needed to isolate the test's network" >&2
     exit 1
   fi
-  if [ "$(id -u)" -eq 0 ]; then
-    exec unshare --net --mount --propagation private -- /bin/sh "$0" "$inside_marker" "$@"
-  fi
-  exec unshare --net --mount --propagation private --map-root-user -- /bin/sh "$0" "$inside_marker" "$@"
+  user=""
+  [ "$(id -u)" -eq 0 ] || user=--map-root-user
+  # Mounts made inside stay inside. In a chroot "/" is no mount point and cannot be made
+  # private; there the namespace keeps the parent's propagation, and the tests' mounts,
+  # which they undo themselves, may be seen outside while they last.
+  propagation=private
+  unshare --mount $user --propagation private true 2>/dev/null || propagation=unchanged
+  exec unshare --net --mount $user --propagation $propagation -- /bin/sh "$0" "$inside_marker" "$@"
 fi
 shift
 

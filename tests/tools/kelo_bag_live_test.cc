@@ -261,9 +261,9 @@ TEST(KeloBagLiveTest, PlayPublishDeliversEveryMessageToASubscriberInBagOrder) {
 TEST(KeloBagLiveTest, TriggerMakesATriggerModeRecorderSaveTheWindowAroundIt) {
   TempDir dir;
   const std::string out_dir = dir.file("trig");
-  // The window reaches 3 s back and 1 s past the trigger.
-  Subprocess record({kKeloBag, "record", "-a", "--trigger", "-o", out_dir + "/", "--reserve", "3",
-                     "--duration", "4", "-n", "trig_node"},
+  // The window reaches 60 s back, past any wait of a loaded machine, and 1 s past the trigger.
+  Subprocess record({kKeloBag, "record", "-a", "--trigger", "-o", out_dir + "/", "--reserve", "60",
+                     "--duration", "61", "-n", "trig_node"},
                     dir.file("record"));
   ASSERT_TRUE(
       WaitFor([&] { return record.Stdout().find("caching every channel") != std::string::npos; }, 20000))
