@@ -171,6 +171,8 @@ TEST(UdpCastServerTest, BadSettingsAreRefusedAndNothingLeavesThisHost) {
   EXPECT_FALSE(UdpCastManager::GetCastServer("nonsense", 1)->ok());
   EXPECT_FALSE(UdpCastManager::SetInterface("nosuchif0"));
   EXPECT_EQ(UdpCastManager::GetInterface(), "lo");
+  EXPECT_TRUE(UdpCastManager::SetInterface("lo"));
+  EXPECT_TRUE(UdpCastManager::SetInterface("")) << "no name is loopback";
   for (const char* peer : {"192.0.2.1", "203.0.113.9", "not an address"})
     EXPECT_FALSE(server->send_data(peer, 28012, UdpMessage("k"))) << peer;
   EXPECT_FALSE(server->send_data("127.0.0.1", 0, UdpMessage("k")));
