@@ -356,7 +356,14 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   log.Release();
   appender.join();
   EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
-  testing::internal::GetCapturedStdout();
+  const std::string console = testing::internal::GetCapturedStdout();
+  auto count = [&](const std::string& line) {
+    size_t n = 0;
+    for (size_t at = console.find(line); at != std::string::npos; at = console.find(line, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("save thread running\n"), count("save thread exit\n")) << "each run of the save thread says so";
+  EXPECT_GE(count("save thread running\n"), 3u);
 }
 
 }  // namespace
