@@ -1,5 +1,7 @@
 #include "tools/kelo_bag/files.h"
 
+#include <unistd.h>
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -53,6 +55,21 @@ TEST(FilesTest, MakesNestedDirectoriesAndSaysWhyItCannot) {
   EXPECT_EQ("rec", DirectoryOf("rec/bag_1.kelobag.active"));
   EXPECT_EQ(".", DirectoryOf("bag_1.kelobag.active"));
   EXPECT_EQ("/", DirectoryOf("/bag.kelobag.active"));
+}
+
+// Scratch folders go under $TMPDIR when it names one, else under /tmp.
+TEST(FilesTest, MakesTemporaryFoldersWhereTheEnvironmentSays) {
+  TempDir dir;
+  setenv("TMPDIR", dir.path().c_str(), 1);
+  const std::string inside = MakeTempDirectory("x_");
+  EXPECT_EQ(0u, inside.find(dir.path() + "/x_")) << inside;
+  setenv("TMPDIR", "", 1);
+  const std::string fallback = MakeTempDirectory("x_");
+  unsetenv("TMPDIR");
+  const std::string unset = MakeTempDirectory("x_");
+  EXPECT_EQ(0u, fallback.find("/tmp/x_")) << fallback;
+  EXPECT_EQ(0u, unset.find("/tmp/x_")) << unset;
+  for (const std::string& made : {inside, fallback, unset}) EXPECT_EQ(0, rmdir(made.c_str())) << made;
 }
 
 }  // namespace
