@@ -115,6 +115,29 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   }
 }
 
+// Three topics taking turns in one chunk (an odd number of per-channel indexes to merge)
+// come back in the order written; a topic announced without a message is still listed.
+TEST(BagReaderTest, ThreeTopicsTakingTurnsInOneChunkComeBackInOrderAndQuietTopicsAreListed) {
+  TempDir dir;
+  BagWriter writer(fileio::FilePath(dir.file("turns.kelobag.active")));
+  writer.append_topic("/quiet", "Q");
+  std::vector<std::string> written;
+  for (int i = 0; i < 30; ++i) {
+    const std::string topic = "/t" + std::to_string(i % 3);
+    writer.append_message(1000 + i, 0, topic, std::to_string(i), "T");
+    written.push_back(topic + " " + std::to_string(i));
+  }
+  writer.append_topic("/late", "L");  // after the last message: it goes into the file's tail
+  BagReader reader(writer.close());
+  std::vector<std::string> read;
+  for (; !reader.eof(); reader.next()) read.push_back(reader.read()->topic + " " + reader.read()->data);
+  EXPECT_EQ(written, read);
+  std::vector<std::string> topics;
+  for (const auto& t : reader.topics()) topics.push_back(t->name);
+  EXPECT_NE(std::find(topics.begin(), topics.end(), "/quiet"), topics.end());
+  EXPECT_NE(std::find(topics.begin(), topics.end(), "/late"), topics.end());
+}
+
 TEST(BagReaderTest, GivesBackWhatWasWrittenInTimeOrderWithTiesInWriteOrder) {
   // Messages from 0 bytes to 16 MB, a topic whose type changes, times that go back and repeat.
   std::vector<BagMessage> messages;
