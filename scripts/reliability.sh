@@ -195,7 +195,7 @@ hostile=$!
 answers=0; asked=0
 while kill -0 $hostile 2>/dev/null; do
   asked=$((asked + 1))
-  grep -q "/seq" <<< "$("$kb" monitor --once --wait 300 2>/dev/null || true)" && answers=$((answers + 1))
+  grep -q "/seq" <<< "$("$kb" monitor --once 2>/dev/null || true)" && answers=$((answers + 1))
 done
 wait $hostile
 rc=0; timeout 20 "$kb" trigger --label real --wait 15 > "$d/trigger.log" 2>&1 || rc=$?

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <random>
+#include <map>
+#include <set>
+#include <utility>
 
 #include "platform/udp/udp_cast_manager.h"
 #include "platform/udp/udp_message.h"
@@ -17,6 +20,8 @@ namespace {
 
 constexpr size_t kReceiveBufferBytes = 65536;
 constexpr int64_t kMaxPollMs = 60000;
+// Copies of a query sent after the first, spread over its wait.
+constexpr int kQueryResends = 2;
 
 UdpCastOptions ManagerOptions() {
   UdpCastOptions options;
@@ -50,12 +55,16 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
                                                        const std::string& reply_key, int timeout_ms,
                                                        size_t max_replies) {
   std::vector<Reply> replies;
-  exchange(group, port, key, body, timeout_ms,
-           [&](const Reply& reply, std::chrono::steady_clock::time_point*) {
+  // The copy of the question each member (address and port) answered first: a member
+  // that got several copies answers each, and only its answers to one of them count.
+  std::map<std::pair<std::string, int>, uint32_t> answered;
+  Exchange(group, port, key, body, timeout_ms, kQueryResends,
+           [&](const Reply& reply, uint32_t copy, std::chrono::steady_clock::time_point*) {
              if (reply.key != reply_key) {
                ++unhandled_messages_;
                return true;
              }
+             if (answered.emplace(std::make_pair(reply.peer, reply.port), copy).first->second != copy) return true;
              replies.push_back(reply);
              return max_replies == 0 || replies.size() < max_replies;
            });
@@ -64,6 +73,14 @@ std::vector<UdpCastClient::Reply> UdpCastClient::query(const std::string& group,
 
 bool UdpCastClient::exchange(const std::string& group, int port, const std::string& key,
                              const std::string& body, int timeout_ms, const ReplyHandler& on_reply) {
+  return Exchange(group, port, key, body, timeout_ms, 0,
+                  [&](const Reply& reply, uint32_t, std::chrono::steady_clock::time_point* deadline) {
+                    return on_reply(reply, deadline);
+                  });
+}
+
+bool UdpCastClient::Exchange(const std::string& group, int port, const std::string& key,
+                             const std::string& body, int timeout_ms, int resends, const CopyHandler& on_reply) {
   using Clock = std::chrono::steady_clock;
   error_.clear();
   if (!Open()) return false;
@@ -76,20 +93,39 @@ bool UdpCastClient::exchange(const std::string& group, int port, const std::stri
     error_ = "port " + std::to_string(port) + " out of range";
     return false;
   }
-  if (next_id_ == 0) ++next_id_;
-  const uint32_t id = next_id_++;
-  if (!socket_->SendMessage(*interface_, address, static_cast<uint16_t>(port), sender_id_, id, 0, key, body,
-                            &error_)) {
-    return false;
-  }
+  // Every copy of the question goes out under an id of its own: receivers drop a message
+  // id they have already seen.
+  std::set<uint32_t> ids;
+  auto send = [&] {
+    if (next_id_ == 0) ++next_id_;
+    const uint32_t id = next_id_++;
+    ids.insert(id);
+    return socket_->SendMessage(*interface_, address, static_cast<uint16_t>(port), sender_id_, id, 0, key, body,
+                                &error_);
+  };
+  if (!send()) return false;
 
-  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const Clock::time_point start = Clock::now();
+  const auto resend_every = std::chrono::milliseconds(timeout_ms / (resends + 1));
+  Clock::time_point deadline = start + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     const Clock::time_point now = Clock::now();
     if (now >= deadline) break;
+    // A question lost on the way (a receiver's buffer overflowing under a burst) is asked
+    // again, a few times spread over the wait.
+    const int sent = static_cast<int>(ids.size());
+    Clock::time_point next_send = deadline;
+    if (sent <= resends && resend_every.count() > 0) {
+      next_send = start + resend_every * sent;
+      if (now >= next_send) {
+        send();
+        continue;
+      }
+    }
     // A handler may push the deadline far out; poll in slices that fit its int timeout.
     const auto left = std::min<int64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count(), kMaxPollMs);
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::min(deadline, next_send) - now).count(),
+        kMaxPollMs);
     pollfd fd = {socket_->fd(), POLLIN, 0};
     // Rounded up, so the loop never spins on a sub-millisecond remainder.
     if (poll(&fd, 1, static_cast<int>(left) + 1) <= 0) continue;
@@ -103,11 +139,12 @@ bool UdpCastClient::exchange(const std::string& group, int port, const std::stri
       UdpMessage message;
       if (!reassembler_->Add(from, from_port, buffer_.get(), static_cast<size_t>(size), now_ms, &message))
         continue;
-      if (message.reply_to() != id) {
+      if (ids.count(message.reply_to()) == 0) {
         ++unhandled_messages_;
         continue;
       }
-      if (!on_reply(Reply{FormatIpv4(from), from_port, message.body(), message.key()}, &deadline))
+      if (!on_reply(Reply{FormatIpv4(from), from_port, message.body(), message.key()}, message.reply_to(),
+                    &deadline))
         return true;
     }
   }

@@ -17,7 +17,7 @@ struct UdpInterface;
 class UdpReassembler;
 class UdpSocket;
 
-// A short-lived asker: sends one message to a group and collects the answers of every
+// A short-lived asker: asks a group a question and collects the answers of every
 // member that replies in time, without joining the group or starting a thread:
 //
 //   UdpCastClient client;
@@ -56,13 +56,16 @@ class UdpCastClient {
   // Sends a message under `key` with `body` (raw bytes) to `group`:`port` (a multicast
   // group, or one host's address) and returns, after `timeout_ms`, every answer under
   // `reply_key` in the order they arrived, one per answering message; sooner once
-  // `max_replies` answers are in, when it is not 0. Returns at once with no replies when
-  // the message could not be sent; error() says why.
+  // `max_replies` answers are in, when it is not 0. The message goes out twice more, a
+  // third and two thirds into the wait, so that one lost on the way still gets its
+  // answers; of a member (address and port) that answers several copies, only its answers
+  // to the first copy it answered count. Returns at once with no replies when the message
+  // could not be sent; error() says why.
   std::vector<Reply> query(const std::string& group, int port, const std::string& key,
                            const std::string& body, const std::string& reply_key, int timeout_ms,
                            size_t max_replies = 0);
 
-  // Sends a message under `key` with `body` to `group`:`port` as query() does, then hands
+  // Sends a message under `key` with `body` to `group`:`port`, once, then hands
   // every answer to this very message, whatever its key, to `on_reply` on the calling
   // thread, in the order they arrive, until the deadline (`timeout_ms` after sending, unless
   // the handler moves it) or until the handler returns false. Returns false at once, calling
@@ -80,6 +83,12 @@ class UdpCastClient {
 
  private:
   bool Open();
+  // As exchange(), with the question sent `resends` times more over the wait; the handler
+  // also learns which copy (its message id) each answer is for.
+  using CopyHandler =
+      std::function<bool(const Reply& reply, uint32_t copy, std::chrono::steady_clock::time_point* deadline)>;
+  bool Exchange(const std::string& group, int port, const std::string& key, const std::string& body,
+                int timeout_ms, int resends, const CopyHandler& on_reply);
 
   const UdpCastOptions options_;
   const uint32_t sender_id_;
