@@ -57,6 +57,13 @@ void BagView::set_time_ms(long start, long duration) {
   }
   const int64_t end = WrapAdd(start_time_, duration);
   end_time_ = (end <= max_end && duration != 0) ? end : max_end;
+  // A bag whose first message in the range lies past the new end has nothing to play: it
+  // is closed, here and on every reset, rather than played and waited for.
+  for (BagInfo& info : bags_) {
+    if (info.reader->eof() || info.reader->read()->time <= end_time_) continue;
+    info.reader->seek(info.reader->count());
+    info.index = info.reader->index();
+  }
 }
 
 void BagView::set_time(long start, long duration) {
