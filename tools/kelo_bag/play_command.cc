@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -214,6 +215,11 @@ int RunPlay(int argc, const char* const* argv) {
   ToolsModuleOutput* output = play.output();
   if (status.terminal())
     output->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
+  // In a file or a pipe the timeline is a line of its own, once a second, and the last one
+  // when playback ends.
+  std::mutex timeline_mutex;
+  long last_line_ms = -1000;
+  std::string unshown_line;
   play.SetTimelineInfoCallback([&](bool paused, long bag_time, double elapsed_s, double duration_s) {
     const long shown_time = control.OnTimeline(paused, bag_time, elapsed_s, duration_s);
     char line[256];
@@ -222,10 +228,17 @@ int RunPlay(int argc, const char* const* argv) {
                   duration_s);
     if (status.terminal()) {
       status.Show(line);
-    } else {
-      output->print_message(std::string("\r") + line + "               \r", false, true);
-      std::fflush(stdout);
+      return;
     }
+    const long now_ms = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+    std::lock_guard<std::mutex> hold(timeline_mutex);
+    unshown_line = line;
+    if (now_ms - last_line_ms < 1000) return;
+    last_line_ms = now_ms;
+    status.Show(line);
+    unshown_line.clear();
   });
   if (opt.loop) control.Apply(Key::kLoop);
 
@@ -252,7 +265,12 @@ int RunPlay(int argc, const char* const* argv) {
       if (code == BagPlay::kPaused) usleep(kPausedStepUs);
     }
   }
-  std::printf("\nplayed %llu messages\n", static_cast<unsigned long long>(delivered));
+  {
+    std::lock_guard<std::mutex> hold(timeline_mutex);
+    if (!unshown_line.empty()) status.Show(unshown_line);
+  }
+  std::printf("\nplayed %llu messages%s\n", static_cast<unsigned long long>(delivered),
+              bus != nullptr ? (" onto " + bus->url()).c_str() : " (not published: --publish puts them on the LCM bus)");
   std::fflush(stdout);
   // Damage found while playing is told too, with what could not be read.
   for (const auto& [line, damaged] : play.GetBagErrors()) {
