@@ -1,5 +1,7 @@
 #include "tools/kelo_bag/record_tool_options.h"
 
+#include <sys/stat.h>
+
 namespace kelo {
 namespace cli {
 
@@ -18,6 +20,27 @@ void RecordToolOpt::register_opts() {
 
 void RecordToolOpt::load_opts() {
   BagRecordOpt::load_opts();
+  // -o as users of other recorders mean it: an existing folder, slash or not, receives the
+  // files; "x.kelobag" is the very file written when one file is all there will be, and the
+  // base of the parts' names otherwise.
+  const std::string given = get_string("output", "");
+  std::string base = given;
+  struct stat st;
+  const std::string extension = ".kelobag";
+  if (!base.empty() && base.back() != '/' && stat(base.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    base += "/";
+  } else if (base.size() > extension.size() &&
+             base.compare(base.size() - extension.size(), extension.size(), extension) == 0) {
+    if (trigger || split_time != 0) {
+      base.resize(base.size() - extension.size());
+    } else {
+      base += ".active";
+    }
+  }
+  if (base != given) {
+    output = base;
+    update_file_name();
+  }
   url = get_string("url", "");
   interface = get_string("interface", "");
   compression = get_string("compression", "zstd");
