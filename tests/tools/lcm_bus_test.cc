@@ -105,10 +105,13 @@ std::vector<std::pair<std::string, std::string>> Deliver(
   return got;
 }
 
-TEST(LcmBusTest, DeliversEveryChannelWhenNoneIsNamedBytesIntact) {
-  const std::vector<std::pair<std::string, std::string>> sent = {
+TEST(LcmBusTest, DeliversEveryChannelButLcmsSelfTestWhenNoneIsNamedBytesIntact) {
+  std::vector<std::pair<std::string, std::string>> sent = {
       {"/a", std::string("\0\x01\xff", 3)}, {"b.c", "two"}, {"/a", std::string(100000, 'x')}};
-  EXPECT_EQ(sent, Deliver({}, sent));
+  const std::vector<std::pair<std::string, std::string>> want = sent;
+  sent.insert(sent.begin() + 1, {"LCM_SELF_TEST", "self test"});
+  EXPECT_EQ(want, Deliver({}, sent));
+  EXPECT_EQ(1u, Deliver({"LCM_SELF_TEST"}, sent).size());  // unless asked for by name
 }
 
 TEST(LcmBusTest, TakesNamedChannelsLiterallyNotAsPatterns) {

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -24,6 +25,8 @@ constexpr char kLcmDefaultUrl[] = "udpm://239.255.76.67:7667?ttl=0";
 // them. Our handlers never wait for a disk, so this only has to absorb bursts; LCM's
 // default of 30 loses messages of a 200 Hz topic whenever a 2 MB message is copied.
 constexpr int kQueueCapacity = 1000;
+// The channel on which LCM checks, as it opens a multicast bus, that its messages loop back.
+constexpr char kSelfTestChannel[] = "LCM_SELF_TEST";
 
 // LCM treats a channel as a regular expression; escaping every character that is not a
 // letter or digit makes it match that one name.
@@ -116,6 +119,12 @@ uint64_t LcmBus::KernelDrops() const {
 LcmBus::~LcmBus() { lcm_destroy(lcm_); }
 
 void LcmBus::Subscribe(const std::vector<std::string>& channels, Handler handler) {
+  if (channels.empty()) {
+    // LCM's check of its own multicast loop is no traffic of the user's.
+    handler = [inner = std::move(handler)](const Message& m) {
+      if (std::strcmp(m.channel, kSelfTestChannel) != 0) inner(m);
+    };
+  }
   handlers_.push_back(std::unique_ptr<Handler>(new Handler(std::move(handler))));
   void* user = handlers_.back().get();
   auto subscribe = [&](const std::string& pattern) {

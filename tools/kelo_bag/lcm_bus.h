@@ -43,8 +43,8 @@ class LcmBus {
   LcmBus(const LcmBus&) = delete;
   LcmBus& operator=(const LcmBus&) = delete;
 
-  // Hands every message of `channels` (of every channel when empty) to `handler`. Channel
-  // names are taken literally. Call before the first Handle().
+  // Hands every message of `channels` (of every channel but LCM's self-test when empty) to
+  // `handler`. Channel names are taken literally. Call before the first Handle().
   void Subscribe(const std::vector<std::string>& channels, Handler handler);
 
   // Dispatches the first message that arrives within `timeout_ms` (0: one already there).
