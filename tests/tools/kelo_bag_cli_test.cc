@@ -66,6 +66,9 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
   const Outcome tool = KeloBag(dir, {"--help"});
   EXPECT_EQ(0, tool.code);
   EXPECT_NE(std::string::npos, tool.out.find("\nexit codes:\n  0  all went well\n")) << tool.out;
+  const Outcome version = KeloBag(dir, {"--version"});
+  EXPECT_EQ(0, version.code);
+  EXPECT_EQ(0u, version.out.find("kelo_bag " + std::string(KELO_BAG_VERSION) + "\n")) << version.out;
   for (const char* command : {"record", "play", "info", "monitor", "trigger", "demo"}) {
     EXPECT_NE(std::string::npos, tool.out.find(std::string("  ") + command + " ")) << command;
     const Outcome help = KeloBag(dir, {command, "--help"});

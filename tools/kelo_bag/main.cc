@@ -27,7 +27,8 @@ void PrintHelp() {
   std::printf(
       "kelo_bag: record messages of an LCM bus into bag files, play them back, inspect them\n\n"
       "usage: kelo_bag COMMAND [options] [arguments]\n"
-      "       kelo_bag COMMAND --help     options of one command\n\n"
+      "       kelo_bag COMMAND --help     options of one command\n"
+      "       kelo_bag --version          the tool's version\n\n"
       "commands:\n");
   for (const Command& command : kCommands) std::printf("  %-8s %s\n", command.name, command.summary);
   std::fputs(kelo::cli::kExitCodesHelp, stdout);
@@ -43,6 +44,10 @@ int main(int argc, char** argv) {
   const std::string name = argv[1];
   if (name == "--help" || name == "-h" || name == "help") {
     PrintHelp();
+    return 0;
+  }
+  if (name == "--version") {
+    std::printf("kelo_bag %s\n", KELO_BAG_VERSION);
     return 0;
   }
   for (const Command& command : kCommands) {
