@@ -293,6 +293,7 @@ TEST(KeloBagLiveTest, TriggerMakesATriggerModeRecorderSaveTheWindowAroundIt) {
   EXPECT_NE(std::string::npos, saved.find("_brake.kelobag")) << saved;
   EXPECT_NE(std::string::npos, out.find("1 of 1 recorders saved a file")) << out;
   EXPECT_NE(std::string::npos, record.Stdout().find("trigger bag: ")) << record.Stdout();
+  EXPECT_EQ(0u, record.Stdout().find("caching every channel")) << "no debug line first: " << record.Stdout();
 
   std::map<std::string, std::vector<std::string>> got;
   for (const BagMessage& m : ReadAll(saved)) got[m.topic].push_back(m.data);

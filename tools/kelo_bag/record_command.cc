@@ -5,9 +5,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -133,7 +137,17 @@ double CachedSeconds(const RecordStatus& status, long cache_bytes) {
 
 int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);
-  BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+  // The writer's constructor prints its space setting, a line for debugging the library:
+  // shown only when KELO_BAG_DEBUG is set. No other thread writes to std::cout meanwhile.
+  std::optional<BagRecordTrigger> constructed;
+  {
+    std::ostringstream hidden;
+    const char* debug = std::getenv("KELO_BAG_DEBUG");
+    std::streambuf* console = debug != nullptr && *debug != '\0' ? nullptr : std::cout.rdbuf(hidden.rdbuf());
+    constructed.emplace(opt, fileio::FilePath(opt.output));
+    if (console != nullptr) std::cout.rdbuf(console);
+  }
+  BagRecordTrigger& writer = *constructed;
   auto print = [&status](const std::string& line) {
     std::fputs((line + "\n").c_str(), stdout);
     std::fflush(stdout);
