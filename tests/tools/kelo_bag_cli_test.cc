@@ -8,6 +8,8 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,13 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
     EXPECT_NE(std::string::npos, help.out.find("  3  damaged input was read as far as it could be"))
         << help.out;
     EXPECT_EQ("", help.err) << command;
+    // Every option that takes a value names its unit and says what it is when not given.
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (std::regex_search(line, std::regex("^  (-\\w,)?--[\\w-]+(,--[\\w-]+)? \\S"))) {
+        EXPECT_NE(std::string::npos, line.find("default")) << command << ": " << line;
+      }
+    }
   }
 }
 

@@ -45,11 +45,11 @@ PlayOpt::PlayOpt()
     : ToolsOptions("play", "play bags back at wall-clock pace", "bag_file(s)", OptionInfo::kList) {}
 
 void PlayOpt::register_opts() {
-  register_opt("start", "start this many seconds after the earliest bag's start", "seconds",
+  register_opt("start", "start this many seconds after the earliest bag's start (default 0)", "seconds",
                OptionInfo::kInt);
-  register_opt("duration", "play this many seconds (0: to the end)", "seconds", OptionInfo::kInt);
+  register_opt("duration", "play this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
   register_opt("loop", "play the range again and again", "", OptionInfo::kFlag);
-  register_opt("topics", "play only these topics (repeat the option or separate with commas)", "topic",
+  register_opt("topics", "play only these topics (repeat the option or separate with commas; default: every topic)", "topic",
                OptionInfo::kList);
   register_opt("publish", "put every message back on the LCM bus under its topic", "", OptionInfo::kFlag);
   register_opt("url", "LCM bus URL for --publish (default: LCM_DEFAULT_URL or LCM's own)", "lcm_url",
@@ -119,12 +119,12 @@ TriggerOpt::TriggerOpt()
     : ToolsOptions("trigger", "send a trigger to every trigger-mode recorder", "", OptionInfo::kString) {}
 
 void TriggerOpt::register_opts() {
-  register_opt("label", "label of the trigger, part of the saved file names", "label", OptionInfo::kString);
+  register_opt("label", "label of the trigger, part of the saved file names (default: none)", "label", OptionInfo::kString);
   register_opt("wait", "seconds to wait for the recorders to save (default: as long as they say)", "seconds",
                OptionInfo::kInt);
   register_opt("interface", "network interface to send on (default: loopback only)", "name",
                OptionInfo::kString);
-  register_opt("key", "sign the trigger with this shared key, for recorders started with --trigger-key",
+  register_opt("key", "sign the trigger with this shared key, for recorders started with --trigger-key (default: unsigned)",
                "key", OptionInfo::kString);
 }
 

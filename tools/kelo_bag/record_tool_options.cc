@@ -6,6 +6,30 @@ namespace kelo {
 namespace cli {
 
 void RecordToolOpt::register_opts() {
+  // The recorder's own options, described with their units and defaults; the first
+  // registration of a name is the one that holds.
+  register_opt("node_name", "name under which monitors and triggers see this recorder (default: kelo_bag_record_N)",
+               "name", OptionInfo::kString);
+  register_opt("output",
+               "where the bags go: a folder (files bag_<time>.kelobag in it), a name base (<base>_<time>.kelobag), "
+               "or x.kelobag (default: bag_<time>.kelobag here)",
+               "path", OptionInfo::kString);
+  register_opt("split_time", "start a new part every this many seconds of message time (default 0: one file)",
+               "seconds", OptionInfo::kInt);
+  register_opt("all", "record every channel (LCM's self-test left out)", "", OptionInfo::kFlag);
+  register_opt("trigger", "trigger mode: keep messages in memory, save a file around each trigger", "",
+               OptionInfo::kFlag);
+  register_opt("reserve", "trigger mode: seconds before the trigger that a file keeps (default 60)", "seconds",
+               OptionInfo::kInt);
+  register_opt("duration", "trigger mode: seconds a file covers, from its start (default 65)", "seconds",
+               OptionInfo::kInt);
+  register_opt("cache", "trigger mode: memory that holds the recent messages, in MB (default 2048)", "MB",
+               OptionInfo::kInt);
+  register_opt("folder_size",
+               "trigger mode: delete this recorder's oldest files to keep the folder under this many MB "
+               "(default 0: no limit)",
+               "MB", OptionInfo::kInt);
+  register_opt("nospacelimit", "trigger mode: never delete files for space", "", OptionInfo::kFlag);
   BagRecordOpt::register_opts();
   register_opt("url", "LCM bus URL (default: LCM_DEFAULT_URL or LCM's own, with a 4 MB receive buffer)",
                "lcm_url", OptionInfo::kString);
