@@ -107,6 +107,10 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"play"},
       {"play", "--start", "-1", "a.kelobag"},
       {"play", "--duration", "x", "a.kelobag"},
+      {"play", "--topics", "(", "a.kelobag"},
+      {"play", "--remap", "/a:=/b", "a.kelobag"},
+      {"play", "--publish", "--remap", "/a", "a.kelobag"},
+      {"play", "--paused", "a.kelobag"},
       {"info"},
       {"info", "--jsn", "a.kelobag"},
       {"monitor", "extra"},
@@ -240,6 +244,11 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   EXPECT_EQ(std::string::npos, run.out.find('\r')) << run.out;
   EXPECT_LE(Lines(run.out), 12u) << run.out;
   EXPECT_GE(took, 1.0);  // the bag lasts a second
+
+  // Topics are chosen by whole-name regular expressions: /a's 11 messages, not /b's 3 or /c's 2.
+  const Outcome chosen = KeloBag(dir, {"play", "--topics", "/[ab]", "--exclude", "/b", bag});
+  EXPECT_NE(std::string::npos, chosen.out.find("played 11 messages")) << chosen.out << chosen.err;
+  EXPECT_EQ(2, KeloBag(dir, {"play", "--exclude", ".*", bag}).code);
 
   const Outcome nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
   EXPECT_EQ(2, nothing.code);

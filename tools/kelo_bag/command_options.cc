@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <regex>
 
 #include "tools/kelo_bag/commands.h"
 
@@ -49,9 +50,16 @@ void PlayOpt::register_opts() {
                OptionInfo::kInt);
   register_opt("duration", "play this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
   register_opt("loop", "play the range again and again", "", OptionInfo::kFlag);
-  register_opt("topics", "play only these topics (repeat the option or separate with commas; default: every topic)", "topic",
-               OptionInfo::kList);
+  register_opt("topics",
+               "play only the topics that one of these regular expressions matches whole (repeat the option or "
+               "separate with commas; default: every topic)",
+               "regex", OptionInfo::kList);
+  register_opt("exclude", "leave out the topics that one of these regular expressions matches whole (default: none)",
+               "regex", OptionInfo::kList);
+  register_opt("paused", "start paused; space in the terminal starts playback", "", OptionInfo::kFlag);
   register_opt("publish", "put every message back on the LCM bus under its topic", "", OptionInfo::kFlag);
+  register_opt("remap", "with --publish, publish topic FROM under TO instead (repeatable; default: none)",
+               "FROM:=TO", OptionInfo::kList);
   register_opt("url", "LCM bus URL for --publish (default: LCM_DEFAULT_URL or LCM's own)", "lcm_url",
                OptionInfo::kString);
 }
@@ -63,7 +71,14 @@ void PlayOpt::load_opts() {
   duration = get_int("duration", 0);
   loop = get_bool("loop");
   topics = get_list("topics");
+  exclude = get_list("exclude");
+  paused = get_bool("paused");
   publish = get_bool("publish");
+  remap.clear();
+  for (const std::string& pair : get_list("remap")) {
+    const size_t at = pair.find(":=");
+    remap[pair.substr(0, at)] = at == std::string::npos ? "" : pair.substr(at + 2);
+  }
   url = get_string("url", "");
 }
 
@@ -71,7 +86,30 @@ std::string PlayOpt::Check() const {
   if (files.empty()) return "give at least one bag file";
   if (start < 0) return "--start must not be negative";
   if (duration < 0) return "--duration must not be negative";
+  for (const std::set<std::string>* patterns : {&topics, &exclude}) {
+    for (const std::string& pattern : *patterns) {
+      try {
+        std::regex check(pattern);
+      } catch (const std::regex_error&) {
+        return "\"" + pattern + "\" is no regular expression";
+      }
+    }
+  }
+  for (const auto& [from, to] : remap) {
+    if (from.empty() || to.empty()) return "--remap takes FROM:=TO, two topic names";
+  }
+  if (!remap.empty() && !publish) return "--remap is for --publish";
   return "";
+}
+
+bool PlayOpt::Selects(const std::string& topic) const {
+  auto any = [&topic](const std::set<std::string>& patterns) {
+    for (const std::string& pattern : patterns) {
+      if (std::regex_match(topic, std::regex(pattern))) return true;
+    }
+    return false;
+  };
+  return (topics.empty() || any(topics)) && !any(exclude);
 }
 
 InfoOpt::InfoOpt() : ToolsOptions("info", "describe bag files", "bag_file(s)", OptionInfo::kList) {}

@@ -13,12 +13,14 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "output/tools_module_output.h"
 #include "platform/bag/bag_reader.h"
+#include "platform/bag/bag_topic.h"
 #include "play/bag_play.h"
 #include "tools/kelo_bag/command_options.h"
 #include "tools/kelo_bag/commands.h"
@@ -136,7 +138,7 @@ class KeyReader {
 // start time of 0 as the bags' beginning. `unusable` is set when a file is no bag at all,
 // `partial` when one without messages had bytes that could not be read (a cut chunk).
 std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms, bool* unusable,
-                                      bool* partial) {
+                                      bool* partial, std::set<std::string>* topics) {
   std::vector<std::string> playable;
   *begin_ms = 0;
   *unusable = false;
@@ -161,6 +163,7 @@ std::vector<std::string> PlayableBags(const std::vector<std::string>& files, lon
       continue;
     }
     playable.push_back(file);
+    for (const std::shared_ptr<BagTopic>& topic : reader.topics()) topics->insert(topic->name);
     if (*begin_ms == 0 || reader.start_time() < *begin_ms) *begin_ms = reader.start_time();
   }
   return playable;
@@ -178,6 +181,10 @@ int RunPlay(int argc, const char* const* argv) {
     std::fprintf(stderr, "play: %s (usage: play [OPTIONS] bag_file(s)...; see --help)\n", wrong.c_str());
     return 2;
   }
+  if (opt.paused && isatty(STDIN_FILENO) == 0) {
+    std::fprintf(stderr, "play: --paused needs a terminal on standard input, where space starts playback\n");
+    return 2;
+  }
 
   std::unique_ptr<LcmBus> bus;
   if (opt.publish) {
@@ -191,22 +198,34 @@ int RunPlay(int argc, const char* const* argv) {
 
   long begin_ms = 0;
   bool unusable = false, partial = false;
-  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable, &partial);
+  std::set<std::string> topics;
+  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable, &partial, &topics);
   if (playable.empty()) {
     // A part closed before its first chunk loses nothing; one cut inside it does.
     std::fprintf(stderr, "play: nothing to play\n");
     return unusable ? kExitUnusable : partial ? kExitPartial : kExitOk;
   }
+  std::set<std::string> selected;
+  for (const std::string& topic : topics) {
+    if (opt.Selects(topic)) selected.insert(topic);
+  }
+  if (selected.empty()) {
+    std::fprintf(stderr, "play: no topic of the bags is selected by --topics and --exclude\n");
+    return kExitUnusable;
+  }
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
   BagPlay play(std::list<std::string>(playable.begin(), playable.end()));
-  play.SetFilterTopics(opt.topics);
+  // The player's filter takes names: the patterns are resolved against the bags' topics.
+  if (selected.size() < topics.size()) play.SetFilterTopics(selected);
   uint64_t delivered = 0;
   uint64_t publish_failures = 0;
   play.SetMessageCallback(
       [&](long time, const std::string& topic, const std::string& type, const std::string& data) {
         ++delivered;
-        if (bus != nullptr && !bus->Publish(topic, data)) ++publish_failures;
+        if (bus == nullptr) return;
+        const auto renamed = opt.remap.find(topic);
+        if (!bus->Publish(renamed == opt.remap.end() ? topic : renamed->second, data)) ++publish_failures;
       });
   PlayControl control(&play, begin_ms, opt.start, opt.duration);
   // On a terminal the timeline is a status line, which the player's other texts (the
@@ -256,6 +275,7 @@ int RunPlay(int argc, const char* const* argv) {
   std::fflush(stdout);
 
   play.ControlPlay(opt.start, opt.duration);
+  if (opt.paused) control.Apply(Key::kPause);
   {
     KeyWorker worker(&control);
     std::unique_ptr<KeyReader> reader(terminal.active() ? new KeyReader(&worker) : nullptr);
