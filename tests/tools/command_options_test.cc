@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tools/kelo_bag/record_tool_options.h"
+#include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
 namespace cli {
@@ -57,6 +58,36 @@ TEST(PlayOptTest, KeepsFilesInTheOrderGivenAndChecksTheRange) {
   EXPECT_NE("", none.Check());
   ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&negative, {"a", "--duration", "-2"}));
   EXPECT_NE("", negative.Check());
+}
+
+// Catches partial matches taken for whole ones, exclusions that lose to names, and a
+// selection subscribed literally while patterns must look at every channel.
+TEST(TopicSelectionTest, NamesAndWholeNamePatternsTakeExclusionsLeaveOut) {
+  TopicSelection selection;
+  ASSERT_EQ("", selection.Set({"/imu", "/cam/raw"}, {"/cam/.*"}, {".*/raw"}));
+  for (int round = 0; round < 2; ++round) {  // the second time from what it remembers
+    EXPECT_TRUE(selection.Selects("/imu"));
+    EXPECT_TRUE(selection.Selects("/cam/front"));
+    EXPECT_FALSE(selection.Selects("/cam/raw"));
+    EXPECT_FALSE(selection.Selects("/imu2"));
+    EXPECT_FALSE(selection.Selects("x/cam/front"));
+  }
+  EXPECT_TRUE(selection.LiteralNames().empty());
+  EXPECT_FALSE(selection.TakesEverything());
+
+  ASSERT_EQ("", selection.Set({"/b", "/a"}, {}, {}));
+  EXPECT_EQ(selection.LiteralNames(), (std::vector<std::string>{"/a", "/b"}));
+  EXPECT_FALSE(selection.Selects("/c"));
+
+  ASSERT_EQ("", selection.Set({}, {}, {"/x"}));
+  EXPECT_TRUE(selection.Selects("/anything"));
+  EXPECT_FALSE(selection.Selects("/x"));
+  ASSERT_EQ("", selection.Set({}, {}, {}));
+  EXPECT_TRUE(selection.TakesEverything());
+  EXPECT_TRUE(selection.Selects("/x"));
+
+  EXPECT_EQ("\"[\" is no regular expression", selection.Set({}, {}, {"["}));
+  EXPECT_EQ("\"(\" is no regular expression", selection.Set({}, {"("}, {}));
 }
 
 }  // namespace

@@ -96,6 +96,9 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"recrod"},
       {"record"},
       {"record", "-a", "/imu"},
+      {"record", "-a", "--regex", "/i.*"},
+      {"record", "--regex", "("},
+      {"record", "-a", "--exclude", "["},
       {"record", "-a", "--compression", "gzip"},
       {"record", "-a", "--split_time", "often"},
       {"record", "-a", "--no-such-option"},
@@ -270,6 +273,14 @@ TEST(KeloBagCliTest, RecordStopsAndSaysSoWhenTheBusFails) {
     EXPECT_EQ(1, run.code) << output;
     EXPECT_EQ("record: the LCM bus failed; stopping\n", run.err);
     EXPECT_NE(std::string::npos, run.out.find("received 20 messages")) << run.out;
+  }
+  // Channels chosen by whole-name patterns, and left out by them.
+  for (const auto& [args, received] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--regex", "/s.q"}, "received 20 messages"}, {{"-a", "--exclude", "/s.*"}, "received 0 messages"}}) {
+    std::vector<std::string> command = {"record", "--url", log + "?mode=r", "-o", dir.file("chosen") + "/"};
+    command.insert(command.end(), args.begin(), args.end());
+    const Outcome run = KeloBag(dir, command);
+    EXPECT_NE(std::string::npos, run.out.find(received)) << args[1] << "\n" << run.out;
   }
   EXPECT_EQ(testing_support::ListDir(dir.file("rec")).size(), 1u);
   EXPECT_EQ(testing_support::ListDir(dir.file("plain")).size(), 1u);

@@ -23,9 +23,21 @@ BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime
   return message;
 }
 
-void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics) {
+void SubscribeSelected(LcmBus* bus, TopicSelection selection, std::function<void(const LcmBus::Message&)> handler) {
+  const std::vector<std::string> names = selection.LiteralNames();
+  if (!names.empty() || selection.TakesEverything()) {
+    bus->Subscribe(names, std::move(handler));
+    return;
+  }
+  // Handlers run on one thread, so the selection needs no lock.
+  bus->Subscribe({}, [selection = std::move(selection), handler = std::move(handler)](const LcmBus::Message& m) mutable {
+    if (selection.Selects(m.channel)) handler(m);
+  });
+}
+
+void FeedRecorder(LcmBus* bus, BagRecord* record, const TopicSelection& selection) {
   auto namer = std::make_shared<LcmTypeNamer>();  // handlers run on one thread
-  bus->Subscribe(topics, [record, namer](const LcmBus::Message& m) {
+  SubscribeSelected(bus, selection, [record, namer](const LcmBus::Message& m) {
     record->AppendMessage(static_cast<long>(m.recv_utime / 1000), m.channel,
                           namer->TypeOf(m.channel, m.data, m.size),
                           std::string(static_cast<const char*>(m.data), m.size));

@@ -9,6 +9,8 @@
 
 #include "platform/bag/bag_loss_ledger.h"
 #include "record/bag_record_writer.h"
+#include "tools/kelo_bag/lcm_bus.h"
+#include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
 
@@ -16,13 +18,11 @@ class BagRecord;
 
 namespace cli {
 
-class LcmBus;
-
 // How the tool connects a bus to a recorder, and how it stops without losing what it
 // received: it stops taking messages from the bus first, then lets the recorder write what
 // it holds, then stops the recorder, which completes its file.
 //
-//   FeedRecorder(bus, &record, topics);
+//   FeedRecorder(bus, &record, opt.Selection());
 //   record.Start();
 //   PumpBus(bus, [] { return StopSignal::Requested(); }, [&] { status.Show(...); });
 //   FinishRecording(&record, kDrainTimeoutMs);
@@ -32,9 +32,13 @@ class LcmBus;
 BagRecordWriter::Message RecordedMessage(const char* channel, int64_t recv_utime, const std::string& type,
                                          const void* data, size_t size, long record_time_ms);
 
-// Subscribes `record` to `topics` of `bus` (every channel when empty), typing the messages
+// Subscribes `handler` to the channels of `bus` that `selection` takes: literally when it
+// names them all, otherwise to every channel, with the selection deciding per channel.
+void SubscribeSelected(LcmBus* bus, TopicSelection selection, std::function<void(const LcmBus::Message&)> handler);
+
+// Subscribes `record` to the channels of `bus` that `selection` takes, typing the messages
 // with an LcmTypeNamer.
-void FeedRecorder(LcmBus* bus, BagRecord* record, const std::vector<std::string>& topics);
+void FeedRecorder(LcmBus* bus, BagRecord* record, const TopicSelection& selection);
 
 // Dispatches the bus's messages on this thread until `stop` returns true, calling
 // `every_second` once a second. With `feed`, each round first calls it (it publishes on the

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <regex>
 
 #include "tools/kelo_bag/commands.h"
+#include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
 namespace cli {
@@ -86,30 +86,13 @@ std::string PlayOpt::Check() const {
   if (files.empty()) return "give at least one bag file";
   if (start < 0) return "--start must not be negative";
   if (duration < 0) return "--duration must not be negative";
-  for (const std::set<std::string>* patterns : {&topics, &exclude}) {
-    for (const std::string& pattern : *patterns) {
-      try {
-        std::regex check(pattern);
-      } catch (const std::regex_error&) {
-        return "\"" + pattern + "\" is no regular expression";
-      }
-    }
-  }
+  const std::string wrong = TopicSelection().Set({}, topics, exclude);
+  if (!wrong.empty()) return wrong;
   for (const auto& [from, to] : remap) {
     if (from.empty() || to.empty()) return "--remap takes FROM:=TO, two topic names";
   }
   if (!remap.empty() && !publish) return "--remap is for --publish";
   return "";
-}
-
-bool PlayOpt::Selects(const std::string& topic) const {
-  auto any = [&topic](const std::set<std::string>& patterns) {
-    for (const std::string& pattern : patterns) {
-      if (std::regex_match(topic, std::regex(pattern))) return true;
-    }
-    return false;
-  };
-  return (topics.empty() || any(topics)) && !any(exclude);
 }
 
 InfoOpt::InfoOpt() : ToolsOptions("info", "describe bag files", "bag_file(s)", OptionInfo::kList) {}

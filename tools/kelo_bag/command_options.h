@@ -35,10 +35,6 @@ class PlayOpt : public ToolsOptions {
   std::vector<std::string> files;  // in the order given, each once
   int start = 0;                   // seconds after the earliest bag's start
   int duration = 0;                // seconds; 0: to the end
-  // Whether `topic` is to be played: one of `topics` matches it whole (or there are none)
-  // and none of `exclude` does.
-  bool Selects(const std::string& topic) const;
-
   bool loop = false;
   std::set<std::string> topics;   // regular expressions; empty: every topic
   std::set<std::string> exclude;  // regular expressions

@@ -75,7 +75,7 @@ bool Record(const std::string& directory, uint64_t* published, uint64_t* dropped
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the recorder, which reports to it
   BagRecord record(node, directory + "/", kSplitSeconds);
   record.output()->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
-  FeedRecorder(bus.get(), &record, {});
+  FeedRecorder(bus.get(), &record, TopicSelection());
   record.Start();
   DemoPublishers publishers;
   publishers.Start();

@@ -28,6 +28,7 @@
 #include "tools/kelo_bag/play_control.h"
 #include "tools/kelo_bag/status_line.h"
 #include "tools/kelo_bag/terminal_keys.h"
+#include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
 namespace cli {
@@ -205,9 +206,11 @@ int RunPlay(int argc, const char* const* argv) {
     std::fprintf(stderr, "play: nothing to play\n");
     return unusable ? kExitUnusable : partial ? kExitPartial : kExitOk;
   }
+  TopicSelection selection;
+  selection.Set({}, opt.topics, opt.exclude);
   std::set<std::string> selected;
   for (const std::string& topic : topics) {
-    if (opt.Selects(topic)) selected.insert(topic);
+    if (selection.Selects(topic)) selected.insert(topic);
   }
   if (selected.empty()) {
     std::fprintf(stderr, "play: no topic of the bags is selected by --topics and --exclude\n");

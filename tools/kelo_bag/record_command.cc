@@ -44,13 +44,10 @@ namespace {
 // (1000 messages), so only a disk far slower than the bus needs this long.
 constexpr int kDrainTimeoutMs = 120000;
 
-std::vector<std::string> TopicList(const RecordToolOpt& opt) {
-  return opt.all ? std::vector<std::string>()
-                 : std::vector<std::string>(opt.topics.begin(), opt.topics.end());
-}
-
 std::string WhatIsRecorded(const RecordToolOpt& opt, const std::string& url) {
   std::string what = opt.all ? "every channel" : std::to_string(opt.topics.size()) + " topic(s)";
+  for (const std::string& pattern : opt.regex) what += ", those matching " + pattern;
+  for (const std::string& pattern : opt.exclude) what += " but those matching " + pattern;
   return what + " of " + url;
 }
 
@@ -58,7 +55,7 @@ int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the recorder, which reports to it
   auto record = std::make_unique<BagRecord>(opt.node_name, opt.output, opt.split_time);
   record->output()->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
-  FeedRecorder(bus, record.get(), TopicList(opt));
+  FeedRecorder(bus, record.get(), opt.Selection());
   record->Start();
   std::printf("recording %s as node %s; Ctrl-C stops\n", WhatIsRecorded(opt, bus->url()).c_str(),
               record->options().node_name.c_str());
@@ -161,7 +158,7 @@ int RecordOnTrigger(const RecordToolOpt& opt, LcmBus* bus) {
   CacheStatistics statistics;
   const long started_ms = WallClockMs();
   LcmTypeNamer namer;
-  bus->Subscribe(TopicList(opt), [&](const LcmBus::Message& m) {
+  SubscribeSelected(bus, opt.Selection(), [&](const LcmBus::Message& m) {
     const long now_ms = WallClockMs();
     writer.save_message(RecordedMessage(m.channel, m.recv_utime, namer.TypeOf(m.channel, m.data, m.size),
                                         m.data, m.size, now_ms));

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include "tools/kelo_bag/topic_selection.h"
+
 namespace kelo {
 namespace cli {
 
@@ -31,6 +33,10 @@ void RecordToolOpt::register_opts() {
                "MB", OptionInfo::kInt);
   register_opt("nospacelimit", "trigger mode: never delete files for space", "", OptionInfo::kFlag);
   BagRecordOpt::register_opts();
+  register_opt("regex", "also record the channels that one of these regular expressions matches whole (repeatable; default: none)",
+               "regex", OptionInfo::kList);
+  register_opt("exclude", "leave out the channels that one of these regular expressions matches whole (default: none)",
+               "regex", OptionInfo::kList);
   register_opt("url", "LCM bus URL (default: LCM_DEFAULT_URL or LCM's own, with a 4 MB receive buffer)",
                "lcm_url", OptionInfo::kString);
   register_opt("interface", "network interface for monitor and trigger traffic (default: loopback only)",
@@ -65,6 +71,8 @@ void RecordToolOpt::load_opts() {
     output = base;
     update_file_name();
   }
+  regex = get_list("regex");
+  exclude = get_list("exclude");
   url = get_string("url", "");
   interface = get_string("interface", "");
   compression = get_string("compression", "zstd");
@@ -72,8 +80,10 @@ void RecordToolOpt::load_opts() {
 }
 
 std::string RecordToolOpt::Check() const {
-  if (all && !topics.empty()) return "give topic names or -a (every channel), not both";
-  if (!all && topics.empty()) return "give the topics to record, or -a for every channel";
+  if (all && (!topics.empty() || !regex.empty())) return "give topic names and --regex, or -a (every channel), not both";
+  if (!all && topics.empty() && regex.empty()) return "give the topics to record, --regex, or -a for every channel";
+  const std::string wrong = TopicSelection().Set({}, regex, exclude);
+  if (!wrong.empty()) return wrong;
   if (compression != "zstd" && compression != "lz4" && compression != "none") {
     return "--compression must be zstd, lz4 or none, not \"" + compression + "\"";
   }
@@ -90,6 +100,12 @@ std::string RecordToolOpt::Check() const {
   if (cache_size < 0) return "--cache must not be negative";
   if (folder_size < 0) return "--folder_size must not be negative";
   return "";
+}
+
+TopicSelection RecordToolOpt::Selection() const {
+  TopicSelection selection;
+  selection.Set(topics, regex, exclude);  // -a comes with neither names nor patterns
+  return selection;
 }
 
 BagWriterOptions RecordToolOpt::WriterOptions() const {

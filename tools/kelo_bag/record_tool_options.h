@@ -1,10 +1,12 @@
 #ifndef KELO_TOOLS_KELO_BAG_RECORD_TOOL_OPTIONS_H_
 #define KELO_TOOLS_KELO_BAG_RECORD_TOOL_OPTIONS_H_
 
+#include <set>
 #include <string>
 
 #include "platform/bag/bag_writer_options.h"
 #include "record/bag_record_options.h"
+#include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
 namespace cli {
@@ -29,6 +31,11 @@ class RecordToolOpt : public BagRecordOpt {
   // The writer options that `compression` asks for (zstd unless it names another).
   BagWriterOptions WriterOptions() const;
 
+  // The channels recorded: what Selection() takes.
+  TopicSelection Selection() const;
+
+  std::set<std::string> regex;    // whole-name patterns recorded besides the topics named
+  std::set<std::string> exclude;  // whole-name patterns never recorded
   std::string url;          // "" for LCM's default
   std::string interface;    // "" for loopback
   std::string compression;  // "zstd", "lz4" or "none"
