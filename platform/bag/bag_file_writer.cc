@@ -92,6 +92,13 @@ void BagFileWriter::AddChannel(const BagChannel& channel) {
 void BagFileWriter::AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time,
                                uint64_t publish_time, const char* data, size_t size) {
   std::lock_guard<std::mutex> chunk_lock(chunk_mu_);
+  constexpr uint64_t kNanosPerMilli = 1000000;
+  const uint64_t millisecond = log_time / kNanosPerMilli;
+  if (log_time <= last_log_time_ && last_log_time_ / kNanosPerMilli == millisecond &&
+      (last_log_time_ + 1) / kNanosPerMilli == millisecond) {
+    log_time = last_log_time_ + 1;
+  }
+  last_log_time_ = log_time;
   if (closed_) {
     std::string record;
     mcap::AppendMessageHeader(&record, {channel_id, sequence, log_time, publish_time}, 0);

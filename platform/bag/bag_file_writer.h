@@ -73,7 +73,9 @@ class BagFileWriter {
   // even when no message ever uses it. Declaring an id again is harmless.
   void AddChannel(const BagChannel& channel);
 
-  // Appends a message on a declared channel. Times are nanoseconds.
+  // Appends a message on a declared channel. Times are nanoseconds. A message of the same
+  // millisecond as the one before it, and not later, is logged a nanosecond after it, so
+  // that readers which order by log time keep the order in which messages came.
   void AddMessage(uint16_t channel_id, uint32_t sequence, uint64_t log_time, uint64_t publish_time,
                   const char* data, size_t size);
 
@@ -156,6 +158,7 @@ class BagFileWriter {
   // caller copies a message in. Lock order: chunk_mu_, then mu_.
   std::mutex chunk_mu_;
   Chunk open_;           // guarded by chunk_mu_
+  uint64_t last_log_time_ = 0;  // guarded by chunk_mu_
   bool closed_ = false;  // guarded by chunk_mu_: Complete() has begun
 
   mutable std::mutex mu_;
