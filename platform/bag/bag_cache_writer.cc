@@ -51,7 +51,7 @@ std::string LocalTimeText(long time_ms) {
 }  // namespace
 
 BagCacheWriter::BagCacheWriter(const fileio::FilePath& path, long reserve, long duration, long cache_size)
-    : BagCacheWriter(path, reserve, duration, cache_size, BagWriterOptions()) {}
+    : BagCacheWriter(path, reserve, duration, cache_size, DefaultBagWriterOptions()) {}
 
 BagCacheWriter::BagCacheWriter(const fileio::FilePath& path, long reserve, long duration, long cache_size,
                                const BagWriterOptions& options)

@@ -38,7 +38,8 @@ class BagCacheWriter : public BagWriter {
   // `duration` seconds (either may be negative; a negative duration saves nothing). The
   // cache holds at most `cache_size` bytes (payloads plus kMessageOverheadBytes each),
   // dropping the oldest messages first; a cache_size of 0 or less keeps nothing, so no
-  // trigger ever saves a file.
+  // trigger ever saves a file. Without options, the files are written as
+  // DefaultBagWriterOptions() says when the writer is made.
   BagCacheWriter(const fileio::FilePath& path, long reserve, long duration, long cache_size);
   BagCacheWriter(const fileio::FilePath& path, long reserve, long duration, long cache_size,
                  const BagWriterOptions& options);
