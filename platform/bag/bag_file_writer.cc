@@ -322,7 +322,9 @@ uint64_t BagFileWriter::TailBound(uint64_t pending) const {
   }
   // The channels go into the data and into the summary; each may have a line of losses
   // and a count in the statistics; the next chunk adds an index entry per channel.
-  return pending + kTailSlack + 2 * declared + channels * 128 + file_.chunk_index_bytes + 128 + channels * 10;
+  // A metadata record already written has its index entry in the summary.
+  return pending + kTailSlack + 2 * declared + channels * 128 + file_.chunk_index_bytes + 128 + channels * 10 +
+         file_.metadata_indexes.size() * 64;
 }
 
 int BagFileWriter::OpenFile() {
@@ -342,6 +344,14 @@ int BagFileWriter::OpenFile() {
   fresh.schema_written.assign(kIds, false);
   std::string head(mcap::kMagic, mcap::kMagicSize);
   mcap::AppendHeader(&head, {"", std::string("libkelo_bag_aa ") + KELO_BAG_AA_VERSION});
+  if (!options_.recording_info.empty()) {
+    mcap::MetadataIndex at;
+    at.offset = head.size();
+    at.name = BagWriterOptions::kRecordingMetadataName;
+    mcap::AppendMetadata(&head, {at.name, options_.recording_info});
+    at.length = head.size() - at.offset;
+    fresh.metadata_indexes.push_back(at);
+  }
   file_ = std::move(fresh);
   reserved_ = false;
   struct iovec iov {
@@ -601,6 +611,7 @@ std::string BagFileWriter::Finish() {
   for (mcap::Channel& c : channels) file_.channels.push_back(std::move(c));
 
   mcap::SummaryContent summary;
+  summary.metadata_indexes = file_.metadata_indexes;
   // What the recording lost while this file was the one being written is kept in it.
   const BagLosses losses = ledger_->TakeUnfiled();
   if (!losses.empty()) {

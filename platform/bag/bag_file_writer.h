@@ -114,6 +114,7 @@ class BagFileWriter {
     std::vector<mcap::Channel> channels;
     std::vector<mcap::ChunkIndex> chunk_indexes;
     uint64_t chunk_index_bytes = 0;  // their size in the summary
+    std::vector<mcap::MetadataIndex> metadata_indexes;  // of the records written so far
     std::map<uint16_t, uint64_t> channel_counts;
     uint64_t message_count = 0;
     uint64_t start_time = 0;

@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kelo {
 
@@ -36,6 +39,12 @@ struct BagWriterOptions {
   // others; the caller then waits as it would for a slow disk. Completing a file is not
   // held back.
   size_t max_write_bytes_per_second = 0;
+
+  // What every file says about the recording it belongs to (the command line, the host,
+  // ...): a metadata record named kRecordingMetadataName right after the file's header, so
+  // that an unfinished file has it too. Nothing when empty.
+  std::vector<std::pair<std::string, std::string>> recording_info;
+  static constexpr char kRecordingMetadataName[] = "kelo_recording";
 };
 
 namespace internal {

@@ -284,7 +284,11 @@ TEST(KeloBagCliTest, RecordStopsAndSaysSoWhenTheBusFails) {
   }
   EXPECT_EQ(testing_support::ListDir(dir.file("rec")).size(), 1u);
   EXPECT_EQ(testing_support::ListDir(dir.file("plain")).size(), 1u);
-  EXPECT_EQ(0, access(dir.file("one.kelobag").c_str(), R_OK));
+  // Each file says how it was recorded.
+  const Outcome info = KeloBag(dir, {"info", dir.file("one.kelobag")});
+  EXPECT_NE(std::string::npos, info.out.find("command:     kelo_bag record --url 'file://")) << info.out;
+  EXPECT_NE(std::string::npos, info.out.find("\nbus:         " + log + "?mode=r\n")) << info.out;
+  EXPECT_NE(std::string::npos, info.out.find("\nmode:        plain\n")) << info.out;
 }
 
 }  // namespace

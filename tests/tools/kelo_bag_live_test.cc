@@ -292,6 +292,9 @@ TEST(KeloBagLiveTest, TriggerMakesATriggerModeRecorderSaveTheWindowAroundIt) {
   const std::string saved = out.substr(at + said.size(), out.find('\n', at) - at - said.size());
   EXPECT_EQ(0u, saved.find(out_dir + "/")) << saved;
   EXPECT_NE(std::string::npos, saved.find("_brake.kelobag")) << saved;
+  std::string info, info_err;
+  ASSERT_EQ(0, RunToEnd({kKeloBag, "info", saved}, dir.file("info"), &info, &info_err)) << info_err;
+  EXPECT_NE(std::string::npos, info.find("\nmode:        trigger\n")) << info;
   EXPECT_NE(std::string::npos, out.find("1 of 1 recorders saved a file")) << out;
   EXPECT_NE(std::string::npos, record.Stdout().find("trigger bag: ")) << record.Stdout();
   EXPECT_EQ(0u, record.Stdout().find("caching every channel")) << "no debug line first: " << record.Stdout();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/bag/bag_reader.h"
+#include "platform/bag/bag_writer_options.h"
 #include "tools/kelo_bag/format_units.h"
 
 namespace kelo {
@@ -102,6 +103,7 @@ bool SummarizeBag(const std::string& path, bool verify, BagSummary* summary, std
   s.partial = after.damaged || after.unread_bytes > 0;
   for (const BagMetadata& m : reader.metadata()) {
     if (m.name == BagLosses::kMetadataName) s.losses.AddMetadata(m.values);
+    if (m.name == BagWriterOptions::kRecordingMetadataName) s.recording = m.values;
   }
   *summary = std::move(s);
   return true;
@@ -167,6 +169,7 @@ std::string FormatSummary(const BagSummary& s) {
   if (s.partial) out += "unreadable:  " + UnreadableText(s) + "\n";
   out += "lost:        " + std::to_string(s.losses.total()) +
          (s.losses.empty() ? "" : " (" + s.losses.Describe() + ")") + "\n";
+  for (const auto& [key, value] : s.recording) out += PadRight(key + ":", 12) + " " + value + "\n";
   size_t name_width = 5, type_width = 4;
   for (const BagSummary::Topic& t : s.topics) {
     name_width = std::max(name_width, t.name.size());
@@ -213,6 +216,10 @@ Json::Value SummaryJson(const BagSummary& s) {
       if (counts[i] > 0)
         row[BagLossReasonName(static_cast<BagLossReason>(i))] = static_cast<Json::UInt64>(counts[i]);
     }
+  }
+  if (!s.path.empty()) {
+    Json::Value& recording = v["recording"] = Json::Value(Json::objectValue);
+    for (const auto& [key, value] : s.recording) recording[key] = value;
   }
   Json::Value& topics = v["topics"] = Json::Value(Json::arrayValue);
   for (const BagSummary::Topic& t : s.topics) {

@@ -48,6 +48,9 @@ struct BagSummary {
   uint64_t unread_bytes = 0;
   // What the recording lost while the file was written, as the file itself says.
   BagLosses losses;
+  // What the file says of the recording it belongs to (command, host, bus, tool, mode), in
+  // its order; none in a merged summary.
+  std::vector<std::pair<std::string, std::string>> recording;
 
   double duration_s() const { return (end_ms - start_ms) * 0.001; }
 };

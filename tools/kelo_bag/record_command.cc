@@ -44,6 +44,26 @@ namespace {
 // (1000 messages), so only a disk far slower than the bus needs this long.
 constexpr int kDrainTimeoutMs = 120000;
 
+// The command line as a shell would take it back: "kelo_bag record -a -o 'my rec/'".
+std::string CommandLine(int argc, const char* const* argv) {
+  std::string line = "kelo_bag";
+  for (int i = 0; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool plain = !arg.empty() && arg.find_first_not_of(
+                                           "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                                           "_-./:=,+@%") == std::string::npos;
+    std::string quoted = "'";
+    for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    line += " " + (plain ? arg : quoted + "'");
+  }
+  return line;
+}
+
+std::string HostName() {
+  char name[256] = {};
+  return gethostname(name, sizeof(name) - 1) == 0 ? name : "";
+}
+
 std::string WhatIsRecorded(const RecordToolOpt& opt, const std::string& url) {
   std::string what = opt.all ? "every channel" : std::to_string(opt.topics.size()) + " topic(s)";
   for (const std::string& pattern : opt.regex) what += ", those matching " + pattern;
@@ -220,8 +240,6 @@ int RunRecord(int argc, const char* const* argv) {
                  opt.interface.c_str());
     return 2;
   }
-  SetDefaultBagWriterOptions(opt.WriterOptions());
-
   std::string error;
   const std::string folder = DirectoryOf(opt.output);
   if (!MakeDirectories(folder, &error) || !CheckWritableDirectory(folder, &error)) {
@@ -234,6 +252,13 @@ int RunRecord(int argc, const char* const* argv) {
     std::fprintf(stderr, "record: %s\n", error.c_str());
     return opt.url.empty() ? 1 : 2;  // a URL the user gave is a bad command line
   }
+  BagWriterOptions options = opt.WriterOptions();
+  options.recording_info = {{"command", CommandLine(argc, argv)},
+                            {"host", HostName()},
+                            {"bus", url},
+                            {"tool", std::string("kelo_bag ") + KELO_BAG_VERSION},
+                            {"mode", opt.trigger ? "trigger" : "plain"}};
+  SetDefaultBagWriterOptions(options);
   const std::string notice = ReceiveBufferCapNotice(url, ReadRmemMax());
   if (!notice.empty()) std::fprintf(stderr, "record: %s\n", notice.c_str());
 

@@ -219,5 +219,29 @@ TEST(BagWriterTest, WritesEveryCrcStoresWhatDoesNotShrinkAsItIsAndTakesTheDefaul
   EXPECT_EQ("lz4", BagReader(later.close()).file_info().compression);
 }
 
+// Catches recording info missing from a part, from an unfinished file, or written twice.
+TEST(BagWriterTest, EveryPartCarriesTheRecordingInfoFromItsStartOnce) {
+  TempDir dir;
+  BagWriterOptions options;
+  options.chunk_duration_ms = 1;
+  options.recording_info = {{"command", "kelo_bag record -a"}, {"mode", "plain"}};
+  BagWriter writer(fileio::FilePath(dir.file("r.kelobag.active")), options);
+  writer.open("0");
+  writer.append_message(1, 1, "/t", "first", "T");
+  const std::string active = dir.file("r_0.kelobag.active");
+  WaitUntil([&] { return BagReader(active).count() == 1; });
+  const std::vector<BagMetadata> unfinished = BagReader(active).metadata();
+  ASSERT_EQ(1u, unfinished.size());
+  EXPECT_EQ(BagWriterOptions::kRecordingMetadataName, unfinished[0].name);
+  EXPECT_EQ(options.recording_info, unfinished[0].values);
+  const std::string first = writer.save_file("1");
+  writer.append_message(2, 2, "/t", "second", "T");
+  for (const std::string& part : {first, writer.close()}) {
+    const std::vector<BagMetadata> all = BagReader(part).metadata();
+    ASSERT_EQ(1u, all.size()) << part;
+    EXPECT_EQ(options.recording_info, all[0].values) << part;
+  }
+}
+
 }  // namespace
 }  // namespace kelo
