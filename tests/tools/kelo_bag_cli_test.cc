@@ -253,6 +253,19 @@ TEST(KeloBagCliTest, PlaysFilesAtWallClockPaceAndSkipsWhatItCannotRead) {
   EXPECT_NE(std::string::npos, chosen.out.find("played 11 messages")) << chosen.out << chosen.err;
   EXPECT_EQ(2, KeloBag(dir, {"play", "--exclude", ".*", bag}).code);
 
+  // Through a gap between two messages the timeline moves on with the clock.
+  BagWriter gapped(fileio::FilePath(dir.file("gap.kelobag.active")));
+  gapped.append_message(1700000000000, 0, "/a", "x", "T");
+  gapped.append_message(1700000002500, 0, "/a", "y", "T");
+  const Outcome gap = KeloBag(dir, {"play", gapped.close()});
+  bool inside = false;
+  const std::regex shown("Bag Time: (\\d+)");
+  for (std::sregex_iterator it(gap.out.begin(), gap.out.end(), shown), end; it != end; ++it) {
+    const long time = std::stol((*it)[1]);
+    inside = inside || (time > 1700000000000 && time < 1700000002500);
+  }
+  EXPECT_TRUE(inside) << gap.out;
+
   const Outcome nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
   EXPECT_EQ(2, nothing.code);
   EXPECT_NE(std::string::npos, nothing.err.find("nothing to play")) << nothing.err;

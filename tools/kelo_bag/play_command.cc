@@ -28,6 +28,7 @@
 #include "tools/kelo_bag/play_control.h"
 #include "tools/kelo_bag/status_line.h"
 #include "tools/kelo_bag/terminal_keys.h"
+#include "tools/kelo_bag/timeline_display.h"
 #include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
@@ -232,35 +233,13 @@ int RunPlay(int argc, const char* const* argv) {
       });
   PlayControl control(&play, begin_ms, opt.start, opt.duration);
   // On a terminal the timeline is a status line, which the player's other texts (the
-  // summary printed after a seek, "stop") scroll above; elsewhere it is the player's own
-  // carriage-return line.
+  // summary printed after a seek, "stop") scroll above; elsewhere a line a second.
   ToolsModuleOutput* output = play.output();
   if (status.terminal())
     output->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
-  // In a file or a pipe the timeline is a line of its own, once a second, and the last one
-  // when playback ends.
-  std::mutex timeline_mutex;
-  long last_line_ms = -1000;
-  std::string unshown_line;
-  play.SetTimelineInfoCallback([&](bool paused, long bag_time, double elapsed_s, double duration_s) {
-    const long shown_time = control.OnTimeline(paused, bag_time, elapsed_s, duration_s);
-    char line[256];
-    std::snprintf(line, sizeof(line), " [%s]%s  Bag Time: %ld   Duration: %.6f / %.6f",
-                  paused ? "PAUSED " : "RUNNING", control.loop() ? " [LOOP]" : "", shown_time, elapsed_s,
-                  duration_s);
-    if (status.terminal()) {
-      status.Show(line);
-      return;
-    }
-    const long now_ms = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-            .count());
-    std::lock_guard<std::mutex> hold(timeline_mutex);
-    unshown_line = line;
-    if (now_ms - last_line_ms < 1000) return;
-    last_line_ms = now_ms;
-    status.Show(line);
-    unshown_line.clear();
+  TimelineDisplay timeline(&status, &control, begin_ms + opt.start * 1000L);
+  play.SetTimelineInfoCallback([&timeline](bool paused, long bag_time, double elapsed_s, double duration_s) {
+    timeline.Report(paused, bag_time, elapsed_s, duration_s);
   });
   if (opt.loop) control.Apply(Key::kLoop);
 
@@ -288,10 +267,7 @@ int RunPlay(int argc, const char* const* argv) {
       if (code == BagPlay::kPaused) usleep(kPausedStepUs);
     }
   }
-  {
-    std::lock_guard<std::mutex> hold(timeline_mutex);
-    if (!unshown_line.empty()) status.Show(unshown_line);
-  }
+  timeline.Finish();
   std::printf("\nplayed %llu messages%s\n", static_cast<unsigned long long>(delivered),
               bus != nullptr ? (" onto " + bus->url()).c_str() : " (not published: --publish puts them on the LCM bus)");
   std::fflush(stdout);
