@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <json/value.h>
+#include <lcm/eventlog.h>
 
 #include "platform/bag/bag_writer.h"
 #include "platform/bag/mcap_records.h"
@@ -99,6 +100,7 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"record", "-a", "--regex", "/i.*"},
       {"record", "--regex", "("},
       {"record", "-a", "--exclude", "["},
+      {"record", "-a", "--max-files", "2"},
       {"record", "-a", "--compression", "gzip"},
       {"record", "-a", "--split_time", "often"},
       {"record", "-a", "--no-such-option"},
@@ -302,6 +304,27 @@ TEST(KeloBagCliTest, RecordStopsAndSaysSoWhenTheBusFails) {
   EXPECT_NE(std::string::npos, info.out.find("command:     kelo_bag record --url 'file://")) << info.out;
   EXPECT_NE(std::string::npos, info.out.find("\nbus:         " + log + "?mode=r\n")) << info.out;
   EXPECT_NE(std::string::npos, info.out.find("\nmode:        plain\n")) << info.out;
+}
+
+// Catches --max-files deleting the wrong parts, or none: messages 1.1 s apart make a part
+// each; the oldest completed one goes, the last completed one and the final one stay.
+TEST(KeloBagCliTest, RecordKeepsOnlyTheLastCompletedPartsItIsAskedFor) {
+  TempDir dir;
+  lcm_eventlog_t* log = lcm_eventlog_create(dir.file("bus.lcmlog").c_str(), "w");
+  ASSERT_NE(nullptr, log);
+  for (int i = 0; i < 3; ++i) {
+    char channel[] = "/seq", data[] = "payload!";
+    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1100000L, 4, 8, channel, data};
+    ASSERT_EQ(0, lcm_eventlog_write_event(log, &event));
+  }
+  lcm_eventlog_destroy(log);
+  const Outcome run = KeloBag(dir, {"record", "--url", "file://" + dir.file("bus.lcmlog") + "?mode=r", "-a", "-s",
+                                    "1", "--max-files", "1", "-o", dir.file("rec") + "/"});
+  const std::vector<std::string> left = testing_support::ListDir(dir.file("rec"));
+  ASSERT_EQ(2u, left.size()) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("deleted " + dir.file("rec") + "/" + left[0].substr(0, left[0].size() - 10) +
+                                            "_0.kelobag (--max-files 1)\n"))
+      << run.out;
 }
 
 }  // namespace

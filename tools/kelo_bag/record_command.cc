@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -71,10 +74,47 @@ std::string WhatIsRecorded(const RecordToolOpt& opt, const std::string& url) {
   return what + " of " + url;
 }
 
+// --max-files: keeps the last `keep` completed parts of this recording and deletes older
+// ones as new parts complete, with a line for each.
+class KeepLastParts {
+ public:
+  KeepLastParts(int keep, StatusLine* status) : keep_(keep), status_(status) {}
+
+  // Takes the recorder's texts; "split bag: FILE" says a part was completed.
+  void OnText(const std::string& text) {
+    static const std::string kCompleted = "split bag: ";
+    if (keep_ <= 0 || text.compare(0, kCompleted.size(), kCompleted) != 0) return;
+    std::string file = text.substr(kCompleted.size());
+    while (!file.empty() && file.back() == '\n') file.pop_back();
+    std::lock_guard<std::mutex> hold(mutex_);
+    completed_.push_back(file);
+    while (completed_.size() > static_cast<size_t>(keep_)) {
+      const std::string oldest = completed_.front();
+      completed_.pop_front();
+      const std::string line = unlink(oldest.c_str()) == 0
+                                   ? "deleted " + oldest + " (--max-files " + std::to_string(keep_) + ")\n"
+                                   : "could not delete " + oldest + ": " + std::strerror(errno) + "\n";
+      std::fputs(line.c_str(), stdout);
+      std::fflush(stdout);
+      status_->AfterText(line);
+    }
+  }
+
+ private:
+  const int keep_;
+  StatusLine* const status_;
+  std::mutex mutex_;
+  std::deque<std::string> completed_;
+};
+
 int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the recorder, which reports to it
+  KeepLastParts parts(opt.max_files, &status);
   auto record = std::make_unique<BagRecord>(opt.node_name, opt.output, opt.split_time);
-  record->output()->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
+  record->output()->set_output_string_func([&status, &parts](const std::string& text) {
+    status.AfterText(text);
+    parts.OnText(text);
+  });
   FeedRecorder(bus, record.get(), opt.Selection());
   record->Start();
   std::printf("recording %s as node %s; Ctrl-C stops\n", WhatIsRecorded(opt, bus->url()).c_str(),

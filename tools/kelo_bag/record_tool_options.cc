@@ -37,6 +37,10 @@ void RecordToolOpt::register_opts() {
                "regex", OptionInfo::kList);
   register_opt("exclude", "leave out the channels that one of these regular expressions matches whole (default: none)",
                "regex", OptionInfo::kList);
+  register_opt("max-files",
+               "with --split_time, keep only the last this many completed parts, deleting older ones "
+               "(default 0: keep all)",
+               "count", OptionInfo::kInt);
   register_opt("url", "LCM bus URL (default: LCM_DEFAULT_URL or LCM's own, with a 4 MB receive buffer)",
                "lcm_url", OptionInfo::kString);
   register_opt("interface", "network interface for monitor and trigger traffic (default: loopback only)",
@@ -71,6 +75,7 @@ void RecordToolOpt::load_opts() {
     output = base;
     update_file_name();
   }
+  max_files = get_int("max-files", 0);
   regex = get_list("regex");
   exclude = get_list("exclude");
   url = get_string("url", "");
@@ -88,6 +93,8 @@ std::string RecordToolOpt::Check() const {
     return "--compression must be zstd, lz4 or none, not \"" + compression + "\"";
   }
   if (split_time < 0) return "--split_time must not be negative";
+  if (max_files < 0) return "--max-files must not be negative";
+  if (max_files > 0 && (trigger || split_time == 0)) return "--max-files is for plain recording with --split_time";
   if (!trigger) {
     for (const char* option : {"reserve", "duration", "cache", "folder_size", "trigger-key"}) {
       if (!get_string(option, "").empty()) return std::string("--") + option + " is for --trigger mode";

@@ -34,6 +34,7 @@ class RecordToolOpt : public BagRecordOpt {
   // The channels recorded: what Selection() takes.
   TopicSelection Selection() const;
 
+  int max_files = 0;              // completed parts kept; 0: all
   std::set<std::string> regex;    // whole-name patterns recorded besides the topics named
   std::set<std::string> exclude;  // whole-name patterns never recorded
   std::string url;          // "" for LCM's default
