@@ -38,7 +38,7 @@ void TimelineDisplay::Report(bool paused, long bag_time_ms, double elapsed_s, do
   bag_time_ms_ = shown;
   reported_at_ = Clock::now();
   shown_since_report_ = false;
-  if (status_->terminal() || reported_at_ - shown_at_ >= kLineEvery) ShowLocked(reported_at_);
+  // Nothing is printed here: this runs between the wait for a batch and its publishing.
 }
 
 void TimelineDisplay::Finish() {
@@ -55,8 +55,8 @@ void TimelineDisplay::Run() {
     stop_cv_.wait_for(lock, kTick);
     if (stopped_ || !reported_) continue;
     const Clock::time_point now = Clock::now();
-    // A terminal shows a gap moving; elsewhere a line a second, gap or not.
-    const bool due = status_->terminal() ? !paused_ && now - reported_at_ >= kTick : now - shown_at_ >= kLineEvery;
+    // A terminal shows every change and a gap moving; elsewhere a line a second.
+    const bool due = status_->terminal() ? !shown_since_report_ || !paused_ : now - shown_at_ >= kLineEvery;
     if (due) ShowLocked(now);
   }
 }

@@ -18,9 +18,9 @@ class PlayControl;
 //   " [RUNNING]  Bag Time: 1700000001000   Duration: 1.000000 / 10.000000"
 // counted from the start of the range the user chose, so that a seek moves it rather than
 // starting it again. Between two reports of the player (a gap in the bags, when the player
-// waits for the next message) it moves on with the wall clock. On a terminal it is
-// redrawn as reports come and every tenth of a second in a gap; elsewhere it is a line a
-// second, and the last one when Finish() is called.
+// waits for the next message) it moves on with the wall clock. A thread of its own draws
+// it, so that no console output delays the player: on a terminal every tenth of a second,
+// elsewhere a line a second, and the last one when Finish() is called.
 //
 //   TimelineDisplay timeline(&status, &control, range_start_ms);
 //   play.SetTimelineInfoCallback([&](bool p, long t, double e, double d) { timeline.Report(p, t, e, d); });
