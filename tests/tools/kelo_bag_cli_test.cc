@@ -18,9 +18,11 @@
 #include <json/value.h>
 #include <lcm/eventlog.h>
 
+#include "platform/bag/bag_reader.h"
 #include "platform/bag/bag_writer.h"
 #include "platform/bag/mcap_records.h"
 #include "platform/fileio/file_path.h"
+#include "tests/support/bag_files.h"
 #include "tests/support/temp_dir.h"
 #include "tests/tools/subprocess.h"
 
@@ -72,7 +74,7 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
   const Outcome version = KeloBag(dir, {"--version"});
   EXPECT_EQ(0, version.code);
   EXPECT_EQ(0u, version.out.find("kelo_bag " + std::string(KELO_BAG_VERSION) + "\n")) << version.out;
-  for (const char* command : {"record", "play", "info", "monitor", "trigger", "demo"}) {
+  for (const char* command : {"record", "play", "info", "monitor", "trigger", "cat", "filter", "merge", "recover", "demo"}) {
     EXPECT_NE(std::string::npos, tool.out.find(std::string("  ") + command + " ")) << command;
     const Outcome help = KeloBag(dir, {command, "--help"});
     EXPECT_EQ(0, help.code) << command;
@@ -123,6 +125,10 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"trigger", "--label", "two words"},
       {"trigger", "--wait", "soon"},
       {"demo", "a", "b"},
+      {"filter", "a.kelobag"},
+      {"merge", "-o", "out.bag", "a.kelobag"},
+      {"recover", "-o", "r.kelobag", "a.kelobag", "b.kelobag"},
+      {"cat", "--topics", "(", "a.kelobag"},
   };
   for (const std::vector<std::string>& args : bad) {
     const Outcome run = KeloBag(dir, args);
@@ -228,7 +234,7 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   EXPECT_NE(std::string::npos, empty.err.find("nothing to play")) << empty.err;
   const Outcome cut_short = KeloBag(dir, {"play", first_cut});
   EXPECT_EQ(3, cut_short.code);
-  EXPECT_NE(std::string::npos, cut_short.err.find(first_cut + ": no messages to play; "))
+  EXPECT_NE(std::string::npos, cut_short.err.find(first_cut + ": no messages to read; "))
       << cut_short.err;
 }
 
@@ -325,6 +331,48 @@ TEST(KeloBagCliTest, RecordKeepsOnlyTheLastCompletedPartsItIsAskedFor) {
   EXPECT_NE(std::string::npos, run.out.find("deleted " + dir.file("rec") + "/" + left[0].substr(0, left[0].size() - 10) +
                                             "_0.kelobag (--max-files 1)\n"))
       << run.out;
+}
+
+// Catches ranges and topics not applied, merges out of time order, types lost on the way,
+// an existing file overwritten, and a recovery that hides what it could not read.
+TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
+  TempDir dir;
+  const std::string first = WriteBag(dir, "first", 0, 2), second = WriteBag(dir, "second", 3000, 1);
+  const Outcome filter = KeloBag(dir, {"filter", "-o", dir.file("f.kelobag"), "--start", "1", "--duration", "1",
+                                       "--topics", "/a", second, first});
+  EXPECT_EQ(0, filter.code) << filter.err;
+  const std::vector<BagMessage> filtered = testing_support::ReadAll(dir.file("f.kelobag"));
+  ASSERT_EQ(11u, filtered.size()) << filter.out;  // /a at 1.0, 1.1, ... 2.0 s
+  EXPECT_EQ(1700000001000, filtered.front().time);
+  EXPECT_EQ(1700000002000, filtered.back().time);
+  EXPECT_EQ("lcm:0x00000000000000aa", filtered.back().type);
+  EXPECT_EQ(2, KeloBag(dir, {"filter", "-o", dir.file("f.kelobag"), first}).code);  // never overwritten
+
+  EXPECT_EQ(0, KeloBag(dir, {"merge", "-o", dir.file("m.kelobag"), second, first}).code);
+  const std::vector<BagMessage> merged = testing_support::ReadAll(dir.file("m.kelobag"));
+  ASSERT_EQ(44u, merged.size());
+  for (size_t i = 1; i < merged.size(); ++i) ASSERT_LE(merged[i - 1].time, merged[i].time) << i;
+  EXPECT_EQ("v2", merged.back().type);
+
+  const Outcome cat = KeloBag(dir, {"cat", "--json", "--topics", "/c", first});
+  EXPECT_EQ(2u, Lines(cat.out)) << cat.out;
+  Json::Value line;
+  ASSERT_TRUE(Json::Reader().parse(cat.out.substr(0, cat.out.find('\n')), line)) << cat.out;
+  EXPECT_EQ("v1", line["type"].asString());
+  EXPECT_EQ("\"c\"", line["preview"].asString());
+  EXPECT_EQ(1, line["size"].asInt());
+
+  // A bag cut in its middle: what could still be read is saved whole, the rest named.
+  const std::string bytes = testing_support::ReadFile(second);
+  const std::string cut = dir.file("cut.kelobag");
+  std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+  const size_t readable = BagReader(cut).count();
+  ASSERT_GT(readable, 0u);
+  const Outcome recover = KeloBag(dir, {"recover", "-o", dir.file("r.kelobag"), cut});
+  EXPECT_EQ(3, recover.code) << recover.err;
+  EXPECT_NE(std::string::npos, recover.err.find(cut + ": recovered")) << recover.err;
+  EXPECT_EQ(readable, testing_support::ReadAll(dir.file("r.kelobag")).size());
+  EXPECT_FALSE(BagReader(dir.file("r.kelobag")).file_info().recovered);
 }
 
 }  // namespace

@@ -95,6 +95,87 @@ std::string PlayOpt::Check() const {
   return "";
 }
 
+namespace {
+
+const char* CopyName(CopyOpt::Kind kind) {
+  switch (kind) {
+    case CopyOpt::Kind::kCat:
+      return "cat";
+    case CopyOpt::Kind::kFilter:
+      return "filter";
+    case CopyOpt::Kind::kMerge:
+      return "merge";
+    case CopyOpt::Kind::kRecover:
+      return "recover";
+  }
+  return "";
+}
+
+const char* CopyDescription(CopyOpt::Kind kind) {
+  switch (kind) {
+    case CopyOpt::Kind::kCat:
+      return "print the messages of bags, a line each";
+    case CopyOpt::Kind::kFilter:
+      return "copy a time range and some topics of bags into a new bag";
+    case CopyOpt::Kind::kMerge:
+      return "merge bags into one, in time order";
+    case CopyOpt::Kind::kRecover:
+      return "rewrite a damaged or unfinished bag into a whole one";
+  }
+  return "";
+}
+
+}  // namespace
+
+CopyOpt::CopyOpt(Kind kind)
+    : ToolsOptions(CopyName(kind), CopyDescription(kind), "bag_file(s)", OptionInfo::kList), kind(kind) {}
+
+void CopyOpt::register_opts() {
+  if (kind != Kind::kCat) {
+    register_opt("output", "the bag to write, ending in .kelobag (no default; never an existing file)", "file",
+                 OptionInfo::kString);
+    set_alias("output", "o");
+  }
+  if (kind == Kind::kCat || kind == Kind::kFilter) {
+    register_opt("start", "start this many seconds after the earliest bag's start (default 0)", "seconds",
+                 OptionInfo::kInt);
+    register_opt("duration", "this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
+    register_opt("topics",
+                 "only the topics that one of these regular expressions matches whole (repeat the option or "
+                 "separate with commas; default: every topic)",
+                 "regex", OptionInfo::kList);
+    register_opt("exclude", "leave out the topics that one of these regular expressions matches whole (default: none)",
+                 "regex", OptionInfo::kList);
+  }
+  if (kind == Kind::kCat) register_opt("json", "print a JSON object a line instead of text", "", OptionInfo::kFlag);
+}
+
+void CopyOpt::load_opts() {
+  files.clear();
+  for (const std::string& file : get_list(name())) files.push_back(file);
+  output = get_string("output", "");
+  start = get_int("start", 0);
+  duration = get_int("duration", 0);
+  topics = get_list("topics");
+  exclude = get_list("exclude");
+  json = get_bool("json");
+}
+
+std::string CopyOpt::Check() const {
+  if (files.empty()) return "give at least one bag file";
+  if (kind == Kind::kRecover && files.size() != 1) return "give one bag file to recover";
+  if (kind != Kind::kCat) {
+    const std::string extension = ".kelobag";
+    if (output.size() <= extension.size() ||
+        output.compare(output.size() - extension.size(), extension.size(), extension) != 0) {
+      return "-o must name the bag to write, ending in .kelobag";
+    }
+  }
+  if (start < 0) return "--start must not be negative";
+  if (duration < 0) return "--duration must not be negative";
+  return TopicSelection().Set({}, topics, exclude);
+}
+
 InfoOpt::InfoOpt() : ToolsOptions("info", "describe bag files", "bag_file(s)", OptionInfo::kList) {}
 
 void InfoOpt::register_opts() {

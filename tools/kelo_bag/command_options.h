@@ -44,6 +44,28 @@ class PlayOpt : public ToolsOptions {
   std::string url;
 };
 
+// The commands that read messages out of bags and write them elsewhere, sharing one
+// command line: cat FILE... [range] [--json]; filter -o OUT FILE... [range]; merge -o OUT
+// FILE...; recover -o OUT FILE. A range is --start, --duration, --topics, --exclude as
+// for play.
+class CopyOpt : public ToolsOptions {
+ public:
+  enum class Kind { kCat, kFilter, kMerge, kRecover };
+  explicit CopyOpt(Kind kind);
+  void register_opts() override;
+  void load_opts() override;
+  std::string Check() const;
+
+  const Kind kind;
+  std::vector<std::string> files;  // in the order given, each once
+  std::string output;              // the bag written; "" for cat
+  int start = 0;                   // seconds after the earliest bag's start
+  int duration = 0;                // seconds; 0: to the end
+  std::set<std::string> topics;    // regular expressions; empty: every topic
+  std::set<std::string> exclude;   // regular expressions
+  bool json = false;               // cat: a JSON object a line
+};
+
 // kelo_bag info FILE... [--json] [--verify]
 class InfoOpt : public ToolsOptions {
  public:

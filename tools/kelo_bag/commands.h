@@ -20,6 +20,10 @@ int RunInfo(int argc, const char* const* argv);
 int RunMonitor(int argc, const char* const* argv);
 int RunTrigger(int argc, const char* const* argv);
 int RunDemo(int argc, const char* const* argv);
+int RunCat(int argc, const char* const* argv);
+int RunFilter(int argc, const char* const* argv);
+int RunMerge(int argc, const char* const* argv);
+int RunRecover(int argc, const char* const* argv);
 
 }  // namespace cli
 }  // namespace kelo

@@ -20,6 +20,10 @@ const Command kCommands[] = {
     {"info", "describe bags: times, messages, topics, compression, chunks", kelo::cli::RunInfo},
     {"monitor", "show every recorder answering on the monitor group", kelo::cli::RunMonitor},
     {"trigger", "send a trigger and report which recorders saved which file", kelo::cli::RunTrigger},
+    {"cat", "print the messages of bags, a line each (time, topic, size, a preview)", kelo::cli::RunCat},
+    {"filter", "copy a time range and some topics of bags into a new bag", kelo::cli::RunFilter},
+    {"merge", "merge bags into one, in time order", kelo::cli::RunMerge},
+    {"recover", "rewrite a damaged or unfinished bag into a whole one, saying what was lost", kelo::cli::RunRecover},
     {"demo", "record, inspect and play back a 10 s demo recording (no network)", kelo::cli::RunDemo},
 };
 
@@ -54,8 +58,8 @@ int main(int argc, char** argv) {
     if (name == command.name) return command.run(argc - 1, argv + 1);
   }
   std::fprintf(stderr,
-               "kelo_bag: unknown command \"%s\" (commands: record, play, info, monitor, trigger, demo; see "
-               "--help)\n",
+               "kelo_bag: unknown command \"%s\" (commands: record, play, info, monitor, trigger, cat, filter, "
+               "merge, recover, demo; see --help)\n",
                name.c_str());
   return 2;
 }

@@ -19,9 +19,8 @@
 #include <vector>
 
 #include "output/tools_module_output.h"
-#include "platform/bag/bag_reader.h"
-#include "platform/bag/bag_topic.h"
 #include "play/bag_play.h"
+#include "tools/kelo_bag/bag_sources.h"
 #include "tools/kelo_bag/command_options.h"
 #include "tools/kelo_bag/commands.h"
 #include "tools/kelo_bag/lcm_bus.h"
@@ -134,43 +133,6 @@ class KeyReader {
   std::thread thread_;
 };
 
-// The files that have something to play, each named once on stderr when it has not, and
-// the earliest start time among them: where the play range is counted from. A file without
-// messages is left out rather than given to the player, whose merged view would take its
-// start time of 0 as the bags' beginning. `unusable` is set when a file is no bag at all,
-// `partial` when one without messages had bytes that could not be read (a cut chunk).
-std::vector<std::string> PlayableBags(const std::vector<std::string>& files, long* begin_ms, bool* unusable,
-                                      bool* partial, std::set<std::string>* topics) {
-  std::vector<std::string> playable;
-  *begin_ms = 0;
-  *unusable = false;
-  *partial = false;
-  for (const std::string& file : files) {
-    BagReader reader(file);
-    const std::string error = reader.get_error();
-    if (!error.empty() && !reader.file_info().recovered) {
-      std::fprintf(stderr, "play: %s\n", error.c_str());
-      *unusable = true;
-      continue;
-    }
-    if (reader.count() == 0) {
-      const BagFileInfo& info = reader.file_info();
-      if (info.damaged || info.unread_bytes > 0) {
-        std::fprintf(stderr, "play: %s: no messages to play; %llu bytes could not be read\n", file.c_str(),
-                     static_cast<unsigned long long>(info.unread_bytes));
-        *partial = true;
-      } else {
-        std::fprintf(stderr, "play: %s: no messages to play\n", file.c_str());
-      }
-      continue;
-    }
-    playable.push_back(file);
-    for (const std::shared_ptr<BagTopic>& topic : reader.topics()) topics->insert(topic->name);
-    if (*begin_ms == 0 || reader.start_time() < *begin_ms) *begin_ms = reader.start_time();
-  }
-  return playable;
-}
-
 }  // namespace
 
 int RunPlay(int argc, const char* const* argv) {
@@ -198,30 +160,25 @@ int RunPlay(int argc, const char* const* argv) {
     }
   }
 
-  long begin_ms = 0;
-  bool unusable = false, partial = false;
-  std::set<std::string> topics;
-  const std::vector<std::string> playable = PlayableBags(opt.files, &begin_ms, &unusable, &partial, &topics);
-  if (playable.empty()) {
-    // A part closed before its first chunk loses nothing; one cut inside it does.
+  const BagSources sources("play", opt.files);
+  if (sources.files().empty()) {
     std::fprintf(stderr, "play: nothing to play\n");
-    return unusable ? kExitUnusable : partial ? kExitPartial : kExitOk;
+    return sources.ExitCode();
   }
   TopicSelection selection;
   selection.Set({}, opt.topics, opt.exclude);
-  std::set<std::string> selected;
-  for (const std::string& topic : topics) {
-    if (selection.Selects(topic)) selected.insert(topic);
-  }
+  const std::set<std::string> selected = sources.Select(&selection);
   if (selected.empty()) {
     std::fprintf(stderr, "play: no topic of the bags is selected by --topics and --exclude\n");
     return kExitUnusable;
   }
+  const long begin_ms = sources.begin_ms();
+  bool partial = sources.partial();
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
-  BagPlay play(std::list<std::string>(playable.begin(), playable.end()));
+  BagPlay play(std::list<std::string>(sources.files().begin(), sources.files().end()));
   // The player's filter takes names: the patterns are resolved against the bags' topics.
-  if (selected.size() < topics.size()) play.SetFilterTopics(selected);
+  if (selected.size() < sources.topics().size()) play.SetFilterTopics(selected);
   uint64_t delivered = 0;
   uint64_t publish_failures = 0;
   play.SetMessageCallback(
@@ -282,7 +239,7 @@ int RunPlay(int argc, const char* const* argv) {
                  static_cast<unsigned long long>(publish_failures));
     return kExitLost;
   }
-  if (unusable) return kExitUnusable;
+  if (sources.unusable()) return kExitUnusable;
   return partial ? kExitPartial : kExitOk;
 }
 
