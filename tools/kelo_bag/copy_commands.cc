@@ -103,12 +103,10 @@ int Cat(const CopyOpt& opt, const BagSources& sources, const std::set<std::strin
 // filter, merge and recover: the messages chosen into a new bag at opt.output.
 int Write(const CopyOpt& opt, const BagSources& sources, const std::set<std::string>& chosen, bool* partial) {
   BagWriter writer(fileio::FilePath(opt.output + ".active"));
-  for (const std::string& topic : chosen) {
-    // Topics declared without a message in the range are carried over as well.
-    for (const std::string& file : sources.files()) {
-      for (const std::shared_ptr<BagTopic>& t : BagReader(file).topics()) {
-        if (t->name == topic) writer.append_topic(t->name, t->type);
-      }
+  // Topics declared without a message in the range are carried over as well.
+  for (const std::string& file : sources.files()) {
+    for (const std::shared_ptr<BagTopic>& topic : BagReader(file).topics()) {
+      if (chosen.count(topic->name) != 0) writer.append_topic(topic->name, topic->type);
     }
   }
   const uint64_t messages = ReadMessages(
