@@ -2,7 +2,10 @@
 // a range and a topic selection, printed a line each or written into a new bag.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -61,11 +64,26 @@ uint64_t ReadMessages(const CopyOpt& opt, const BagSources& sources, const std::
   }
   if (chosen.size() < sources.topics().size()) view.set_filter_topics(chosen);
   view.set_time(opt.start, opt.duration);
+  // A bar on a terminal (stderr, and never over cat's own lines), as far through the range
+  // as the last message read.
+  const bool bar = isatty(STDERR_FILENO) != 0 && (opt.kind != CopyOpt::Kind::kCat || isatty(STDOUT_FILENO) == 0);
+  const long range_start = sources.begin_ms() + opt.start * 1000L;
+  const double range_ms = std::max(1.0, static_cast<double>(view.duration()));
+  auto drawn = std::chrono::steady_clock::now();
+  bool shown = false;
   uint64_t messages = 0;
   while (std::shared_ptr<BagMessage> message = view.pop_message()) {
     take(*message, message->type.empty() ? view.get_message_type(message->topic) : message->type);
     ++messages;
+    if (bar && std::chrono::steady_clock::now() - drawn >= std::chrono::milliseconds(200)) {
+      drawn = std::chrono::steady_clock::now();
+      shown = true;
+      const int percent = static_cast<int>(std::min(100.0, 100.0 * (message->time - range_start) / range_ms));
+      std::fprintf(stderr, "\r[%-40s] %3d%%  %llu messages", std::string(percent * 40 / 100, '#').c_str(), percent,
+                   static_cast<unsigned long long>(messages));
+    }
   }
+  if (shown) std::fputs("\r\033[K", stderr);
   for (const std::unique_ptr<BagReader>& reader : readers) {
     const BagFileInfo info = reader->file_info();
     if (!info.damaged && info.unread_bytes == 0) continue;
