@@ -77,12 +77,21 @@ crash_runs() {
     killed=$(now_ms)
     wait $rec 2>/dev/null || true
     kill $pub; wait $pub 2>/dev/null || true
+    mkdir -p "$d.recovered"
     for f in "$d"/*; do
       rc=0; timeout 10 "$kb" info "$f" > /dev/null 2>&1 || rc=$?
       [ $rc = 0 ] || [ $rc = 3 ] || { echo "info $f: exit $rc"; bad=$((bad + 1)); }
       rc=0; timeout 20 "$kb" play "$f" > /dev/null 2>&1 || rc=$?
       [ $rc = 0 ] || [ $rc = 3 ] || { echo "play $f: exit $rc"; bad=$((bad + 1)); }
+      f_name=$(basename "$f"); f_name=${f_name%.active}
+      rc=0; timeout 20 "$kb" recover -o "$d.recovered/$f_name" "$f" > /dev/null 2>&1 || rc=$?
+      [ $rc = 0 ] || [ $rc = 3 ] || { echo "recover $f: exit $rc"; bad=$((bad + 1)); }
     done
+    # Recovered, every file is whole for the independent reader, with the same messages.
+    if grep -qv " complete$" <<< "$(read_bags "$d.recovered"/* | sed '$d')" ||
+       [ "$(field messages "$(read_bags "$d.recovered"/* | tail -1)")" != "$(field messages "$(read_bags "$d"/* | tail -1)")" ]; then
+      echo "crash $i: recovered files differ"; bad=$((bad + 1))
+    fi
     summary=$(read_bags "$d"/* | tail -1)
     if grep -q " error: " <<< "$(read_bags "$d"/*)" || [ "$(field gaps "$summary")" != 0 ] ||
        [ "$(field duplicates "$summary")" != 0 ] || [ "$(field disorder "$summary")" != 0 ]; then
@@ -97,7 +106,7 @@ crash_runs() {
   max=$(tail -1 <<< "$sorted")
   row "crash, kill -9 x$kills${split:+, ${split} s parts}" \
     "traffic lost per kill: median $median ms, max $max ms; $bad bad files or sequences" \
-    "every file opens in info, play and @mcap/core; no gap, duplicate or reordering; max loss <= 150 ms (the 100 ms chunk timer and the write it starts)" \
+    "every file opens in info, play and @mcap/core, and recovers whole with the same messages; no gap, duplicate or reordering; max loss <= 150 ms (the 100 ms chunk timer and the write it starts)" \
     "$([ $bad = 0 ] && [ "$max" -le 150 ] && echo 1 || echo 0)"
 }
 crash_runs "" "$(pick 3 50)"
@@ -134,7 +143,7 @@ row "folder removed for 1 s under the recorder" "received $r, kept $k, counted l
   "exit 1; kept + lost = received; recording resumed in the new folder" \
   "$([ $rc = 1 ] && [ $((k + l)) = "$r" ] && [ "$k" -gt 0 ] && echo 1 || echo 0)"
 
-# 3. Damaged bags through info and play, under the sanitizers when that build is there.
+# 3. Damaged bags through info, play and recover, under the sanitizers when that build is there.
 tool=$kb; flavour=release
 if [ -x "$asan/tools/kelo_bag" ]; then tool=$asan/tools/kelo_bag; flavour="ASan + UBSan"; fi
 d=$work/damage; mkdir -p "$d/src"
@@ -155,14 +164,19 @@ for i in $(seq "$variants"); do
     2) dd if=/dev/zero of="$v" bs=4096 count=1 seek=$(((RANDOM * 32768 + RANDOM) % (size / 4096))) \
           conv=notrunc status=none ;;
   esac
-  for command in info play; do
-    rc=0; timeout 10 "$tool" $command "$v" > "$v.$command" 2>&1 || rc=$?
+  for command in info play recover; do
+    to=(); [ $command = recover ] && to=(-o "$v.recovered.kelobag")
+    rc=0; timeout 10 "$tool" $command "${to[@]}" "$v" > "$v.$command" 2>&1 || rc=$?
     if [ $rc -ge 124 ]; then [ $rc = 124 ] && slow=$((slow + 1)) || crashes=$((crashes + 1)); fi
     grep -qE "AddressSanitizer|runtime error:|LeakSanitizer" "$v.$command" && crashes=$((crashes + 1))
     # Exit 0 only when every message was delivered; otherwise the file is named.
     if [ $command = play ]; then
       if [ $rc = 0 ]; then grep -q "^played $total messages" "$v.play" || silent=$((silent + 1))
       elif [ $rc -lt 124 ]; then grep -q "$v" "$v.play" || silent=$((silent + 1)); fi
+    fi
+    if [ $command = recover ]; then
+      if [ $rc = 0 ]; then grep -q "^wrote $total messages" "$v.recover" || silent=$((silent + 1))
+      elif [ $rc -lt 124 ]; then grep -q "$v" "$v.recover" || silent=$((silent + 1)); fi
     fi
   done
 done
