@@ -1,0 +1,66 @@
+#!/bin/bash
+# Our recorder against LCM's own logger on the same bus and the same traffic, in one run,
+# inside a private network namespace (nothing leaves this machine):
+#   raw     - 100 B payloads whose first bytes change with every message, 10,000 msg/s for
+#             10 s, both recorders on the bus at once: the share of messages each logged;
+#   1MB     - 1 MB messages at 50 msg/s for 6 s, each recorder alone: messages logged and
+#             CPU time (user + system) per message.
+# Prints each figure and the ratio ours / peer. Peers are measured where installed:
+#   lcm-logger:  apt-get install liblcm-bin
+# The ROS 1 bag storage library (librosbag-storage-dev) is not measured by this script.
+#
+#   bench/peers.sh [RUNS]      (default 3; needs the release build with the benchmarks)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+if [ "${1:-}" != --inside ]; then exec "$root/tests/run_in_netns.sh" bash "$0" --inside "$@"; fi
+shift
+runs=${1:-3}
+release=$root/build/release
+kb=$release/tools/kelo_bag
+publish=$release/tests/lcm_publish
+count=$release/bench/lcmlog_count
+for f in "$kb" "$publish" "$count"; do
+  [ -x "$f" ] || { echo "missing $f: build the release preset first" >&2; exit 2; }
+done
+if ! command -v lcm-logger > /dev/null; then
+  echo "lcm-logger is not installed (apt-get install liblcm-bin): nothing to compare with" >&2
+  exit 2
+fi
+bus='udpm://239.255.76.67:7667?ttl=0'
+export LCM_DEFAULT_URL=$bus
+# The receive buffer our recorder asks for, given to the peer as well.
+peer_bus="$bus&recv_buf_size=4194304"
+work=$(mktemp -d /tmp/kelo_peers.XXXXXX)
+trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
+
+ours_count() { "$kb" info "$1"/*.kelobag | sed -n 's/^messages: *\([0-9]*\).*/\1/p' | tail -1; }
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b == 0) print "-"; else printf "%.2f", a / b }'; }
+
+for run in $(seq "$runs"); do
+  # Raw payloads: both recorders at once.
+  d=$work/raw$run; mkdir -p "$d/ours"
+  "$kb" record -o "$d/ours/" /raw > "$d/ours.log" 2>&1 & ours=$!
+  LCM_DEFAULT_URL=$peer_bus lcm-logger -c '/raw' "$d/peer.lcmlog" > /dev/null 2>&1 & peer=$!
+  sleep 1
+  "$publish" "$bus" /raw 100000 100 10000
+  sleep 1; kill -INT $ours $peer; wait $ours || true; wait $peer || true
+  o=$(ours_count "$d/ours"); p=$("$count" "$d/peer.lcmlog" /raw | cut -d' ' -f1)
+  topics=$("$kb" info "$d"/ours/*.kelobag | sed -n 's/^topics: *\([0-9]*\).*/\1/p' | tail -1)
+  echo "run $run raw 10k msg/s: ours $o of 100000 ($topics bag channels), lcm-logger $p; ratio $(ratio "$o" "$p")"
+
+  # 1 MB messages: each recorder alone, CPU read just before it is stopped.
+  for who in ours peer; do
+    d=$work/big$run$who; mkdir -p "$d"
+    if [ $who = ours ]; then "$kb" record -o "$d/" /big > "$d.log" 2>&1 & rec=$!
+    else LCM_DEFAULT_URL=$peer_bus lcm-logger -c '/big' "$d/peer.lcmlog" > /dev/null 2>&1 & rec=$!; fi
+    sleep 1
+    "$publish" "$bus" /big 300 1048576 50
+    sleep 1; ticks=$(cpu_ticks $rec); kill -INT $rec; wait $rec || true
+    if [ $who = ours ]; then n=$(ours_count "$d"); else n=$("$count" "$d/peer.lcmlog" /big | cut -d' ' -f1); fi
+    eval "${who}_n=$n ${who}_ticks=$ticks"
+  done
+  per_ours=$(awk -v t="$ours_ticks" -v n="$ours_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
+  per_peer=$(awk -v t="$peer_ticks" -v n="$peer_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
+  echo "run $run 1 MB at 50 msg/s: ours $ours_n of 300, $per_ours ms CPU each; lcm-logger $peer_n, $per_peer ms each; CPU ratio $(ratio "$per_ours" "$per_peer")"
+done
