@@ -312,7 +312,7 @@ TEST(KeloBagCliTest, RecordStopsAndSaysSoWhenTheBusFails) {
   EXPECT_NE(std::string::npos, info.out.find("\nmode:        plain\n")) << info.out;
 }
 
-// Catches --max-files deleting the wrong parts, or none: messages 1.1 s apart make a part
+// Catches --max-files deleting the wrong parts, or none: messages 1.5 s apart make a part
 // each; the oldest completed one goes, the last completed one and the final one stay.
 TEST(KeloBagCliTest, RecordKeepsOnlyTheLastCompletedPartsItIsAskedFor) {
   TempDir dir;
@@ -320,7 +320,7 @@ TEST(KeloBagCliTest, RecordKeepsOnlyTheLastCompletedPartsItIsAskedFor) {
   ASSERT_NE(nullptr, log);
   for (int i = 0; i < 3; ++i) {
     char channel[] = "/seq", data[] = "payload!";
-    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1100000L, 4, 8, channel, data};
+    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, 8, channel, data};
     ASSERT_EQ(0, lcm_eventlog_write_event(log, &event));
   }
   lcm_eventlog_destroy(log);
