@@ -4,7 +4,10 @@
 #   raw     - 100 B payloads whose first bytes change with every message, 10,000 msg/s for
 #             10 s, both recorders on the bus at once: the share of messages each logged;
 #   1MB     - 1 MB messages at 50 msg/s for 6 s, each recorder alone: messages logged and
-#             CPU time (user + system) per message.
+#             CPU time (user + system) per message;
+#   pace    - 5 s of 1,000 msg/s recorded by both, then played back onto the bus by
+#             `kelo_bag play --publish` and by `lcm-logplayer`: how late each message
+#             arrives against its file's schedule (pace_probe), and the first message's.
 # Prints each figure and the ratio ours / peer. Peers are measured where installed:
 #   lcm-logger:  apt-get install liblcm-bin
 # The ROS 1 bag storage library (librosbag-storage-dev) is not measured by this script.
@@ -19,7 +22,8 @@ release=$root/build/release
 kb=$release/tools/kelo_bag
 publish=$release/tests/lcm_publish
 count=$release/bench/lcmlog_count
-for f in "$kb" "$publish" "$count"; do
+pace=$release/bench/pace_probe
+for f in "$kb" "$publish" "$count" "$pace"; do
   [ -x "$f" ] || { echo "missing $f: build the release preset first" >&2; exit 2; }
 done
 if ! command -v lcm-logger > /dev/null; then
@@ -63,4 +67,25 @@ for run in $(seq "$runs"); do
   per_ours=$(awk -v t="$ours_ticks" -v n="$ours_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
   per_peer=$(awk -v t="$peer_ticks" -v n="$peer_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
   echo "run $run 1 MB at 50 msg/s: ours $ours_n of 300, $per_ours ms CPU each; lcm-logger $peer_n, $per_peer ms each; CPU ratio $(ratio "$per_ours" "$per_peer")"
+
+  # Playback pacing: each player plays what it recorded, the probe listening.
+  d=$work/pace$run; mkdir -p "$d/ours"
+  "$kb" record -o "$d/ours/" /pace > "$d/ours.log" 2>&1 & ours=$!
+  LCM_DEFAULT_URL=$peer_bus lcm-logger -c '/pace' "$d/peer.lcmlog" > /dev/null 2>&1 & peer=$!
+  sleep 1
+  "$publish" "$bus" /pace 5000 100 1000
+  sleep 1; kill -INT $ours $peer; wait $ours || true; wait $peer || true
+  for who in ours peer; do
+    if [ $who = ours ]; then file=$(ls "$d"/ours/*.kelobag); n=$(ours_count "$d/ours")
+    else file=$d/peer.lcmlog; n=$("$count" "$file" /pace | cut -d' ' -f1); fi
+    "$pace" "$bus" /pace "$n" "$file" > "$d/$who.pace" 2> "$d/$who.probe" & probe=$!
+    until grep -q listening "$d/$who.probe"; do sleep 0.05; done
+    if [ $who = ours ]; then "$kb" play --publish "$file" > /dev/null 2>&1
+    else lcm-logplayer "$file" > /dev/null 2>&1; fi
+    wait $probe || true
+    eval "${who}_pace=\"\$(cat "$d/$who.pace")\""
+  done
+  p99() { sed -n 's/.* p99 \(-*[0-9]*\) .*/\1/p' <<< "$1"; }
+  echo "run $run playback lateness, ours: $ours_pace"
+  echo "run $run playback lateness, lcm-logplayer: $peer_pace; p99 ratio $(ratio "$(p99 "$ours_pace")" "$(p99 "$peer_pace")")"
 done
