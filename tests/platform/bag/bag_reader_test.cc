@@ -85,8 +85,7 @@ std::vector<std::pair<uint8_t, size_t>> Records(const std::string& bytes) {
   return out;
 }
 
-// A record of opcode 0 is broken wherever it lies, also where no CRC tells: inside a chunk
-// of a bag read by scanning (its summary cut off), in a message index, in the summary.
+// Catches a zero opcode taken as sound where no CRC tells: in a scanned chunk, a message index, the summary.
 TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   TempDir dir;
   const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
@@ -115,8 +114,7 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   }
 }
 
-// Three topics taking turns in one chunk (an odd number of per-channel indexes to merge)
-// come back in the order written; a topic announced without a message is still listed.
+// Catches an odd number of per-channel indexes merged out of order, and topics without messages unlisted.
 TEST(BagReaderTest, ThreeTopicsTakingTurnsInOneChunkComeBackInOrderAndQuietTopicsAreListed) {
   TempDir dir;
   BagWriter writer(fileio::FilePath(dir.file("turns.kelobag.active")));
@@ -190,13 +188,12 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
 
 TEST(BagReaderTest, DescribesHowEachFileIsStoredAndWhatIsNotABag) {
   TempDir dir;
-  for (const char* name : {"zstd", "lz4", "none"}) {
-    const BagCompression c = name[0] == 'z' ? BagCompression::kZstd
-                             : name[0] == 'l' ? BagCompression::kLz4 : BagCompression::kNone;
+  for (const auto& [name, c] : std::vector<std::pair<std::string, BagCompression>>{
+           {"zstd", BagCompression::kZstd}, {"lz4", BagCompression::kLz4}, {"none", BagCompression::kNone}}) {
     const BagFileInfo info =
-        BagReader(WriteBag(dir.file(std::string(name) + ".kelobag"), {Message("/l", 5, "T", std::string(20000, 'z'))}, c))
+        BagReader(WriteBag(dir.file(name + ".kelobag"), {Message("/l", 5, "T", std::string(20000, 'z'))}, c))
             .file_info();
-    EXPECT_EQ(name + std::string(" 1 indexed"), info.compression + " " + std::to_string(info.chunks) +
+    EXPECT_EQ(name + " 1 indexed", info.compression + " " + std::to_string(info.chunks) +
                                                      (info.indexed && !info.recovered ? " indexed" : ""));
     EXPECT_EQ(0u, info.library.find("libkelo_bag_aa ")) << info.library;
   }

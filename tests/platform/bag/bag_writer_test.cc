@@ -87,8 +87,7 @@ TEST(BagWriterTest, MessagesOfManyThreadsLandOnceAcrossPartsSplitWhileTheyArrive
   EXPECT_EQ(static_cast<size_t>(kThreads * kEach), seen.size());
 }
 
-// The file in progress stays readable, what does not fit is counted per topic (in the writer
-// and in the bags), and writing resumes once space returns.
+// Catches a full disk losing more than it must, losses uncounted (writer and bags), or no resume.
 TEST(BagWriterTest, AFullDiskLosesOnlyWhatItMustCountsItAndWritingResumes) {
   TempDir dir;
   auto disk = ScopedMount::SmallDisk(dir.path(), 4 << 20);
