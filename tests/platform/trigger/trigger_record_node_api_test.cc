@@ -123,7 +123,6 @@ TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSender
                std::to_string(r.saved) + " " + std::to_string(r.due_ms - time_ms) + " " + r.file);
     ports[r.node] = r.port;
   }
-  EXPECT_EQ(sender.error(), "");
   std::string peer_file = notice;
   std::replace(peer_file.begin(), peer_file.end(), ' ', '_');
   char cwd[4096];
