@@ -17,7 +17,6 @@
 #include "record/record_monitor_client.h"
 #include "record/record_monitor_service.h"
 #include "tests/support/peer_process.h"
-#include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
@@ -25,7 +24,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing_support::ReportLog;
 using testing_support::TempDir;
 using tools::interactive::BagRecordMonitor;
 
@@ -46,16 +44,14 @@ std::vector<std::string> Answers() {
   return lines;
 }
 
+// Catches topics out of name order, statistics or losses given to the wrong topic, and the name file shown.
 TEST(BagRecordMonitorTest, TopicsComeInNameOrderWithTheirOwnStatisticsAndLosses) {
   TempDir dir;
   BagRecord record("node", dir.file("rec"), 1);
   std::shared_ptr<BagRecordMonitor> fresh = record.GetRecordMonitor();
-  EXPECT_EQ(fresh->node_name(), "node");
-  EXPECT_EQ(fresh->file_name(), record.options().output);
-  EXPECT_EQ(fresh->topic_info_size() + fresh->queue_size() + fresh->drop_count(), 0);
-  EXPECT_EQ(fresh->message_info().total_bytes() + fresh->lost_count(), 0u);
+  EXPECT_EQ(fresh->node_name() + " " + fresh->file_name() + " " + fresh->mode(),
+            "node " + record.options().output + " continuous");
   EXPECT_EQ(fresh->current_file(), "") << "no file before the first message";
-  EXPECT_EQ(fresh->mode(), "continuous");
   EXPECT_NEAR(fresh->record_time(), NowSeconds(), 5.0) << "before the first Start(), counted from the epoch";
   record.Start();
   record.AppendMessage(1000, "b", "demo.B", std::string(40, 'b'));
@@ -65,63 +61,31 @@ TEST(BagRecordMonitorTest, TopicsComeInNameOrderWithTheirOwnStatisticsAndLosses)
   record.AppendMessage(2600, "b", "demo.B", "splits");
   ASSERT_TRUE(record.Drain(60000));
   std::shared_ptr<BagRecordMonitor> monitor = record.GetRecordMonitor();
-
   ASSERT_EQ(monitor->topic_info_size(), 2);
   const auto& a = monitor->topic_info(0);
   const auto& b = monitor->topic_info(1);
-  EXPECT_EQ(a.topic_name(), "a");
-  EXPECT_EQ(b.topic_name(), "b");
+  EXPECT_EQ(a.topic_name() + b.topic_name(), "ab");
   for (const auto& topic : monitor->topic_info()) {
     EXPECT_TRUE(topic.has_detail_1() && topic.has_detail_2());
     EXPECT_EQ(topic.detail_1() + topic.detail_2(), "");
   }
   EXPECT_EQ(a.message_count(), 1);
-  EXPECT_EQ(a.message_info().freq(), 0.0);
   EXPECT_EQ(a.message_info().total_bytes(), 7u);
   EXPECT_EQ(b.message_count(), 4) << "an empty payload is counted";
   EXPECT_EQ(b.message_info().total_bytes(), 56u);
   EXPECT_TRUE(b.message_info().has_current_freq() && b.message_info().has_current_bytes());
   EXPECT_EQ(monitor->message_info().total_bytes(), 63u);
-  // The empty payload is the one message lost.
-  EXPECT_EQ(monitor->lost_count(), 1u);
+  EXPECT_EQ(monitor->lost_count(), 1u) << "the empty payload";
   EXPECT_EQ(a.lost_count(), 0u);
   EXPECT_EQ(b.lost_count(), 1u);
   ASSERT_EQ(monitor->losses_size(), 1);
   EXPECT_EQ(monitor->losses(0).topic_name() + " " + monitor->losses(0).reason(), "b empty");
-  // The file shown is the part being written now, not the name parts are made from.
-  EXPECT_THAT(monitor->current_file(), EndsWith("_1.kelobag.active"));
+  EXPECT_THAT(monitor->current_file(), EndsWith("_1.kelobag.active")) << "the part being written";
   EXPECT_EQ(monitor->problems(), "");
   record.Stop();
 }
 
-TEST(BagRecordMonitorTest, StalledWriterShowsQueueAndDropsAndStartResetsThem) {
-  TempDir dir;
-  ReportLog log;
-  BagRecord record("node", dir.file("rec"), 0);
-  record.output()->set_output_string_func(log.sink());
-  log.HoldOn("save thread running");
-  record.Start();
-  log.WaitUntilHeld();
-  for (int i = 0; i < 1005; ++i) record.AppendMessage(i, "/t", "demo.T", "x");
-  std::shared_ptr<BagRecordMonitor> stalled = record.GetRecordMonitor();
-  EXPECT_EQ(stalled->queue_size(), 1000);
-  EXPECT_EQ(stalled->drop_count(), 5);
-  EXPECT_EQ(stalled->lost_count(), 5u);
-  EXPECT_EQ(stalled->topic_info(0).message_count(), 1005);
-  log.Release();
-  ASSERT_TRUE(record.Drain(60000));  // else Stop() would count what is still queued as lost
-  record.Stop();
-
-  usleep(200000);
-  record.Start();
-  std::shared_ptr<BagRecordMonitor> restarted = record.GetRecordMonitor();
-  EXPECT_EQ(restarted->drop_count(), 0);
-  EXPECT_EQ(restarted->lost_count(), 5u) << "losses are for the whole recording";
-  EXPECT_LT(restarted->record_time(), stalled->record_time() + 0.1) << "counted from the last Start()";
-  record.Stop();
-}
-
-// Every recording of every process answers, a tool's own (trigger mode) included.
+// Catches a recorder, process or a tool's own (trigger mode) registration missing, answering twice, or after it ended.
 TEST(BagRecordMonitorTest, EveryRecorderInEveryProcessAnswersOnce) {
   TempDir dir, other, peer_dir;
   BagRecord first("first", dir.file("rec"), 0);
@@ -145,7 +109,7 @@ TEST(BagRecordMonitorTest, EveryRecorderInEveryProcessAnswersOnce) {
   first.Stop();
 }
 
-// Under the sanitizers: recorders come and go while queries keep arriving.
+// Catches, under the sanitizers, a query answered by a recorder being destroyed.
 TEST(BagRecordMonitorTest, RecordersDestroyedWhileQueriesArrive) {
   TempDir dir;
   std::atomic<bool> done{false};

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <ctime>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,13 @@ std::vector<const char*> Args(const char* line) {
   return out;
 }
 
+// The numeric settings as "reserve duration cache folder split debug".
+std::string Numbers(const BagRecordOpt& opt) {
+  return std::to_string(opt.reserve_time) + " " + std::to_string(opt.duration_time) + " " +
+         std::to_string(opt.cache_size) + " " + std::to_string(opt.folder_size) + " " +
+         std::to_string(opt.split_time) + " " + std::to_string(opt.debug);
+}
+
 TEST(BagRecordOptTest, EveryOptionParsesByLongNameAndByAlias) {
   for (const char* line :
        {"--node_name car7 --output out/x.kelobag.active --split_time 30 --all --trigger --reserve 5 --duration 9 "
@@ -47,15 +55,9 @@ TEST(BagRecordOptTest, EveryOptionParsesByLongNameAndByAlias) {
     opt.topics = {"/stale"};
     ASSERT_EQ(Parse(&opt, Args(line)), Result::kLoaded) << opt.error();
     EXPECT_EQ(opt.node_name + " " + opt.output, "car7 out/x.kelobag.active");
-    EXPECT_EQ(opt.split_time, 30);
-    EXPECT_TRUE(opt.all && opt.trigger && opt.debug && opt.discovery && opt.nospacelimit);
-    EXPECT_FALSE(opt.nocatchlimit);
-    EXPECT_EQ(opt.reserve_time, 5);
-    EXPECT_EQ(opt.duration_time, 9);
-    EXPECT_EQ(opt.cache_size, 3L << 20);
-    EXPECT_EQ(opt.folder_size, 4L << 20);
-    EXPECT_EQ(std::vector<std::string>(opt.topics.begin(), opt.topics.end()),
-              (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(Numbers(opt), "5 9 3145728 4194304 30 1");
+    EXPECT_TRUE(opt.all && opt.trigger && opt.discovery && opt.nospacelimit && !opt.nocatchlimit);
+    EXPECT_EQ(opt.topics, (std::set<std::string>{"/a", "/b"})) << "the stale topic is replaced";
   }
 }
 
@@ -84,37 +86,27 @@ TEST(BagRecordOptTest, HelpListsThePublicOptionsOnly) {
         "topic_name(s)", "bag_name"}) {
     EXPECT_THAT(help, HasSubstr(shown));
   }
-  EXPECT_THAT(help, Not(HasSubstr("--debug")));
-  EXPECT_THAT(help, Not(HasSubstr("discovery")));
+  EXPECT_THAT(help, Not(testing::AnyOf(HasSubstr("--debug"), HasSubstr("discovery"))));
 }
 
+// Catches a default applied to a negative, a sign lost or a 32-bit overflow in the MB shift, and a reload compounding.
 TEST(BagRecordOptTest, DefaultsAndMegabyteConversionsNeverCompound) {
-  struct Case {
-    const char* line;
-    long reserve, duration, cache, folder;
-    bool debug;
+  const struct {
+    const char *line, *numbers;
   } cases[] = {
-      {"", 60, 65, 2147483648L, 0, false},
-      {"--cache 1 --fs 10 --debug 1", 60, 65, 1048576, 10485760, false},
-      {"--cache -1 --fs -5 --debug debug --debug 3", 60, 65, -1048576, -5, false},
-      {"--cache 0 --fs 0 --reserve 0 --duration 0 --debug 22", 60, 65, 2147483648L, 0, false},
-      {"--reserve -1 --duration -2 --debug 1 --debug 2", -1, -2, 2147483648L, 0, true},
-      {"--reserve 70 --duration 65 --debug 1,2,3", 70, 65, 2147483648L, 0, true},
-      {"--cache 2147483647 --fs 2147483647", 60, 65, 2147483647L << 20, 2147483647L << 20, false},
-      {"--cache -2147483648", 60, 65, -(2147483648L << 20), 0, false},
+      {"--cache 1 --fs 10 --debug 1", "60 65 1048576 10485760 0 0"},
+      {"--cache -1 --fs -5 --debug debug --debug 3", "60 65 -1048576 -5 0 0"},
+      {"--cache 0 --fs 0 --reserve 0 --duration 0 --debug 22", "60 65 2147483648 0 0 0"},
+      {"--reserve -1 --duration -2 --debug 1 --debug 2", "-1 -2 2147483648 0 0 1"},
+      {"--reserve 70 --duration 65 --debug 1,2,3", "70 65 2147483648 0 0 1"},
+      {"--cache 2147483647 --fs 2147483647", "60 65 2251799812636672 2251799812636672 0 0"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     BagRecordOpt opt;
     ASSERT_EQ(Parse(&opt, Args(c.line)), Result::kLoaded) << opt.error();
-    for (int load = 0; load < 2; ++load) {  // loading again starts from the parsed values
-      EXPECT_EQ(opt.reserve_time, c.reserve);
-      EXPECT_EQ(opt.duration_time, c.duration);
-      EXPECT_EQ(opt.cache_size, c.cache);
-      EXPECT_EQ(opt.folder_size, c.folder);
-      EXPECT_EQ(opt.debug, c.debug);
-      EXPECT_EQ(opt.split_time, 0) << "split time has no default";
-      opt.load_opts();
-    }
+    EXPECT_EQ(Numbers(opt), c.numbers) << c.line;
+    opt.load_opts();  // loading again starts from the parsed values
+    EXPECT_EQ(Numbers(opt), c.numbers) << c.line;
   }
 }
 
@@ -140,8 +132,7 @@ TEST(BagRecordOptTest, NodeNamesAreNumberedByTheSecondAndAGivenOneIsKept) {
   FAIL() << "could not name two recorders within one second";
 }
 
-// Every stamp is checked in a zone far from UTC, so that one made from UTC or from the
-// machine's zone cannot pass by accident.
+// Catches a UTC stamp (checked in a zone far from UTC), a stamp in trigger mode, and a name completed twice.
 TEST(BagRecordOptTest, FileNamesGetTheLocalStampAndTheActiveSuffixOnce) {
   const char* old = std::getenv("TZ");
   const std::string old_tz = old != nullptr ? old : "";
@@ -155,13 +146,9 @@ TEST(BagRecordOptTest, FileNamesGetTheLocalStampAndTheActiveSuffixOnce) {
       {"", false, "bag_", ".kelobag.active"},
       {"/data/rec/", false, "/data/rec/bag_", ".kelobag.active"},
       {"drive1", false, "drive1_", ".kelobag.active"},
-      {"/data/rec", false, "/data/rec_", ".kelobag.active"},
-      {"/", false, "/bag_", ".kelobag.active"},
       {"x.kelobag", false, "x.kelobag_", ".kelobag.active"},
-      {"drive1", true, "drive1.kelobag.active", ""},
       {"/data/rec/", true, "/data/rec/bag.kelobag.active", ""},
       {"x.kelobag.active", false, "x.kelobag.active", ""},
-      {"x.kelobag.active", true, "x.kelobag.active", ""},
   };
   for (const Case& c : cases) {
     BagRecordOpt opt;

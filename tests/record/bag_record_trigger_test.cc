@@ -1,10 +1,7 @@
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -21,6 +18,7 @@
 #include "platform/trigger/trigger_sender.h"
 #include "record/bag_record_options.h"
 #include "record/bag_record_writer.h"
+#include "record/wall_clock.h"
 #include "tests/support/bag_files.h"
 #include "tests/support/temp_dir.h"
 
@@ -32,12 +30,6 @@ using testing::HasSubstr;
 using testing_support::ReadAll;
 using testing_support::TempDir;
 
-long NowMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return now.tv_sec * 1000L + now.tv_usec / 1000;
-}
-
 // Settings as load_opts() leaves them for a trigger-mode command line.
 void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*> args) {
   args.insert(args.begin(), "kelo_bag");
@@ -47,17 +39,9 @@ void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*>
   EXPECT_EQ(opt->parse(static_cast<int>(args.size()), args.data()), ToolsOptions::ParseResult::kLoaded);
 }
 
-BagRecordWriter::Message At(long time, const std::string& topic = "/t") {
-  BagRecordWriter::Message message;
-  message.time = time;
-  message.record_time = time;
-  message.topic = topic;
-  message.type = "demo.T";
-  message.data = std::to_string(time);
-  return message;
-}
+BagRecordWriter::Message At(long time) { return {time, time, "/t", "demo.T", std::to_string(time)}; }
 
-// Collects the files the writer reports.
+// The files the writer reports, on the trigger service's thread.
 struct Saved {
   std::function<void(const std::string&)> sink() {
     return [this](const std::string& file) {
@@ -65,9 +49,9 @@ struct Saved {
       files.push_back(file);
     };
   }
-  size_t size() {
+  std::vector<std::string> get() {
     std::lock_guard<std::mutex> hold(mutex);
-    return files.size();
+    return files;
   }
   std::mutex mutex;
   std::vector<std::string> files;
@@ -76,7 +60,7 @@ struct Saved {
 // Sends a trigger from a process of its own and returns its report lines.
 std::string SendFromAnotherProcess(const std::string& label) {
   std::string out;
-  FILE* pipe = popen((std::string(KELO_TRIGGER_PEER) + " send " + label + " 20000 1000").c_str(), "r");
+  FILE* pipe = popen((std::string(KELO_TRIGGER_PEER) + " send " + label).c_str(), "r");
   char buffer[1024];
   size_t n;
   while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
@@ -91,6 +75,7 @@ void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
   utime(path.c_str(), &times);
 }
 
+// Catches a managed folder when switched off or not a folder, and the wrong mode at the 2048 MB edge or below 0.
 TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAModeBySize) {
   TempDir dir;
   struct Case {
@@ -100,7 +85,6 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
     int mode;  // -1: no manager
   } cases[] = {
       {true, {"--nospacelimit"}, "opt.nospacelimit:1\n", -1},
-      {true, {}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 1},
       {true, {"--fs", "2048"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 1},
       {true, {"--fs", "2049"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 0},
       {true, {"--fs", "-5"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 1},
@@ -117,42 +101,34 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
   }
 }
 
-// A trigger from another process saves the window [trigger − reserve, trigger − reserve +
-// duration] of the cache, once the node has waited for its end.
+// Catches a window other than [trigger − reserve, + duration], saved before its end, or a file the sender is not told.
 TEST(BagRecordTriggerTest, TriggerFromAnotherProcessSavesTheWindow) {
   TempDir dir;
   BagRecordOpt opt;
   Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "2", "-n", "node_a"});
   Saved saved;
-  testing::internal::CaptureStdout();
-  {
-    BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
-    writer.set_on_save(saved.sink());
-    writer.debug_save_time();
-    const long start = NowMs();
-    for (long t = start - 3000; t <= start; t += 10) writer.save_message(At(t));
-    const long before = NowMs();
-    const std::string report = SendFromAnotherProcess("brake");
-    const long after = NowMs();
-    ASSERT_EQ(saved.size(), 1u);
-    EXPECT_THAT(report, HasSubstr("result node_a 1 " + saved.files[0]));
-    EXPECT_GE(after - before, 1000) << "the node waits duration − reserve after the trigger";
-    std::vector<BagMessage> messages = ReadAll(saved.files[0]);
-    ASSERT_FALSE(messages.empty());
-    // The trigger came between `before` and `after`.
-    EXPECT_GE(messages.front().time, before - 1000);
-    EXPECT_LE(messages.front().time, after - 1000 + 10);
-    EXPECT_EQ(messages.back().time, start - (start - messages.front().time) % 10);
-    EXPECT_EQ(static_cast<long>(messages.size()), (messages.back().time - messages.front().time) / 10 + 1);
-  }
-  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::ContainsRegex("save time: [0-9]+ms\n"));
+  BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
+  writer.set_on_save(saved.sink());
+  const long start = WallClockMs();
+  for (long t = start - 3000; t <= start; t += 10) writer.save_message(At(t));
+  const long before = WallClockMs();
+  const std::string report = SendFromAnotherProcess("brake");
+  const long after = WallClockMs();
+  ASSERT_EQ(saved.get().size(), 1u);
+  EXPECT_THAT(report, HasSubstr("result node_a 1 " + saved.get()[0]));
+  EXPECT_GE(after - before, 1000) << "the node waits duration − reserve after the trigger";
+  std::vector<BagMessage> messages = ReadAll(saved.get()[0]);
+  ASSERT_FALSE(messages.empty());
+  EXPECT_GE(messages.front().time, before - 1000);  // the trigger came between `before` and `after`
+  EXPECT_LE(messages.front().time, after - 1000 + 10);
+  EXPECT_EQ(messages.back().time, start - (start - messages.front().time) % 10);
+  EXPECT_EQ(static_cast<long>(messages.size()), (messages.back().time - messages.front().time) / 10 + 1);
 }
 
-// The budget deletes the recorder's own oldest bags, saying so, and nothing of anyone else.
+// Catches deleting others' files or the newest own bag, a silent deletion, and one event saved twice.
 TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBagsOnly) {
   TempDir dir;
-  // Three old bags of this recorder, 600 KB each, against a budget of 1 MB, and files
-  // that are not its own, older still.
+  // Three old bags of this recorder, 600 KB each, against a budget of 1 MB; others' files older still.
   WriteFileAged(dir.file("drive_20200101000001_a.kelobag"), 600000, 300);
   WriteFileAged(dir.file("drive_20200101000002.kelobag"), 600000, 200);
   WriteFileAged(dir.file("drive_20200101000003-1.kelobag"), 600000, 100);
@@ -164,53 +140,48 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
   Load(&opt, dir.file("drive"), {"--reserve", "5", "--duration", "5", "--fs", "1"});
   Saved saved;
   std::vector<std::string> reports;
-  testing::internal::CaptureStdout();
   {
     BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
     writer.set_on_save(saved.sink());
     writer.set_on_report([&](const std::string& line) { reports.push_back(line); });
-    long now = NowMs();
+    long now = WallClockMs();
     for (long t = now - 4000; t < now; t += 100) writer.save_message(At(t));
     TriggerSender sender;
     sender.Send("budget", now, 20000);
-    ASSERT_EQ(saved.size(), 1u);
-    // A trigger inside the window just saved is the same event again: it gets that file.
-    for (long again : {now - 3000, now}) {
+    ASSERT_EQ(saved.get().size(), 1u);
+    for (long again : {now - 3000, now}) {  // inside the window just saved: the same event, that file
       auto results = sender.Send("again", again, 20000);
       ASSERT_EQ(results.size(), 1u);
-      EXPECT_EQ(results[0].file, saved.files[0]);
+      EXPECT_EQ(results[0].file, saved.get()[0]);
     }
-    EXPECT_EQ(saved.size(), 1u);
+    EXPECT_EQ(saved.get().size(), 1u);
   }
-  testing::internal::GetCapturedStdout();
-  EXPECT_THAT(reports, ElementsAre("deleted " + dir.file("drive_20200101000001_a.kelobag") +
-                                       " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget",
-                                   "deleted " + dir.file("drive_20200101000002.kelobag") +
-                                       " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget"));
+  auto deleted = [&](const char* name) {
+    return "deleted " + dir.file(name) + " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget";
+  };
+  EXPECT_THAT(reports, ElementsAre(deleted("drive_20200101000001_a.kelobag"), deleted("drive_20200101000002.kelobag")));
   std::vector<std::string> names = dir.List();
   EXPECT_EQ(std::count(names.begin(), names.end(), "drive_20200101000003-1.kelobag"), 1);
   EXPECT_EQ(names.size(), 1u + 5u + 1u) << "the newest own bag, the others' files and the new bag";
 }
 
-// Under the sanitizers: the writer is destroyed while a notice is being handled.
+// Catches, under the sanitizers, a writer freed while a notice is still being handled.
 TEST(BagRecordTriggerTest, DestructionWaitsForANoticeInProgress) {
   TempDir dir;
   BagRecordOpt opt;
   Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "1"});
   std::atomic<bool> saving{false};
-  testing::internal::CaptureStdout();
   auto writer = std::make_unique<BagRecordTrigger>(opt, fileio::FilePath(opt.output));
   writer->set_on_save([&](const std::string&) {
     saving = true;
     usleep(300000);
   });
-  long now = NowMs();
+  long now = WallClockMs();
   for (long t = now - 900; t <= now; t += 10) writer->save_message(At(t));
   std::thread sender([now] { TriggerSender().Send("late", now, 5000); });
   while (!saving) usleep(1000);
   writer.reset();  // waits for the callback above to return
   sender.join();
-  testing::internal::GetCapturedStdout();
 }
 
 }  // namespace

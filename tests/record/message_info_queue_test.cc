@@ -10,17 +10,13 @@ namespace {
 
 using Queue = BagRecord::MessageInfoQueue;
 
-// Rates count intervals, not records; a span up to the threshold (one record, the same
-// time twice, time stepping back) gives no rate.
+// Catches counting records instead of intervals, the oldest's bytes in the rate, and a span at the threshold rated.
 TEST(MessageInfoQueueTest, RatesCountIntervalsAndShortSpansHaveNone) {
   const struct {
     std::vector<std::pair<double, uint64_t>> records;
     double freq, bytes;
   } cases[] = {{{}, 0, 0},
-               {{{10.0, 100}}, 0, 0},
                {{{10.0, 100}, {10.5, 300}}, 2, 600},
-               {{{10.0, 100}, {10.5, 300}, {11.0, 50}}, 2, 350},
-               {{{10.0, 100}, {10.0, 100}}, 0, 0},
                {{{10.0, 100}, {9.0, 100}}, 0, 0},
                {{{0.0, 100}, {0.00001, 100}}, 0, 0},
                {{{10.000, 100}, {10.001, 100}}, 1000, 100000}};
@@ -38,20 +34,15 @@ TEST(MessageInfoQueueTest, RatesCountIntervalsAndShortSpansHaveNone) {
 }
 
 TEST(MessageInfoQueueTest, HistoryKeepsTheNewest5000WhileTotalsCountAll) {
-  Queue queue;
-  // 5001 records 10 ms apart; the first is much larger so its loss shows in the byte rate.
+  Queue queue;  // 5001 records 10 ms apart; the first is large so its eviction shows in the byte rate
   queue.append({0.0, 1000000});
   for (int i = 1; i <= 5000; ++i) queue.append({i * 0.01, 10});
   EXPECT_EQ(queue.total_bytes(), 1000000u + 5000u * 10u);
-  // Held: records 1..5000, spanning 49.99 s; the oldest held record's bytes are left out.
   EXPECT_NEAR(queue.freq(), 4999 / 49.99, 1e-9);
   EXPECT_NEAR(queue.pre_bytes(), 4999 * 10 / 49.99, 1e-9);
-
-  for (int i = 5001; i <= 20000; ++i) queue.append({i * 0.01, 20});
-  EXPECT_NEAR(queue.freq(), 4999 / 49.99, 1e-6) << "the history is bounded by count, not age";
-  EXPECT_NEAR(queue.pre_bytes(), 4999 * 20 / 49.99, 1e-6);
 }
 
+// Catches a fixed silence for slow streams and a wrong edge: 2 s, or two intervals when longer.
 TEST(MessageInfoQueueTest, TheRateNowFallsToZeroOnceAStreamGoesSilent) {
   Queue fast, slow;
   for (int i = 0; i <= 10; ++i) fast.append({100.0 + i * 0.1, 50});  // 10 Hz, last at 101.0
@@ -60,8 +51,7 @@ TEST(MessageInfoQueueTest, TheRateNowFallsToZeroOnceAStreamGoesSilent) {
     const Queue* queue;
     double now;
     bool silent;
-  } cases[] = {{&fast, 101.5, false}, {&fast, 102.9, false}, {&fast, 103.1, true},
-               {&slow, 123.0, false}, {&slow, 129.9, false}, {&slow, 130.1, true}};
+  } cases[] = {{&fast, 102.9, false}, {&fast, 103.1, true}, {&slow, 129.9, false}, {&slow, 130.1, true}};
   for (const auto& c : cases) {
     tools::interactive::BagRecordMessageInfo info;
     FillMonitorRates(*c.queue, c.now, &info);

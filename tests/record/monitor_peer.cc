@@ -1,5 +1,4 @@
-// A second process for the monitor tests: `monitor_peer <node> <dir>` runs a recorder with
-// one message, prints "ready", and exits at the end of its input.
+// `monitor_peer <node> <dir>`: a recorder of another process holding one message; prints "ready", exits at end of input.
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,10 +8,7 @@
 #include "record/bag_record.h"
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: monitor_peer <node> <dir>\n");
-    return 2;
-  }
+  if (argc != 3) return std::fprintf(stderr, "usage: monitor_peer <node> <dir>\n"), 2;
   kelo::BagRecord record(argv[1], std::string(argv[2]) + "/", 0);
   record.Start();
   record.AppendMessage(1, "/peer", "demo.Peer", "hello");
@@ -21,5 +17,4 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   for (std::string line; std::getline(std::cin, line);) {
   }
-  return 0;
 }
