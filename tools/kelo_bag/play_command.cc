@@ -3,10 +3,12 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -133,6 +135,12 @@ class KeyReader {
   std::thread thread_;
 };
 
+int64_t WallClockUs() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+
 }  // namespace
 
 int RunPlay(int argc, const char* const* argv) {
@@ -213,6 +221,11 @@ int RunPlay(int argc, const char* const* argv) {
   if (bus != nullptr) std::printf("publishing on %s\n", bus->url().c_str());
   std::fflush(stdout);
 
+  // The player's clock counts whole milliseconds from the one it starts in: started just
+  // after a millisecond begins, the first message goes out as much on time as the others.
+  const int64_t now_us = WallClockUs();
+  for (int64_t us = now_us; us / 1000 == now_us / 1000; us = WallClockUs()) {
+  }
   play.ControlPlay(opt.start, opt.duration);
   if (opt.paused) control.Apply(Key::kPause);
   {
