@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "platform/fileio/file_extension.h"
 #include "tools/kelo_bag/commands.h"
 #include "tools/kelo_bag/topic_selection.h"
 
@@ -42,20 +43,30 @@ std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, c
   return ordered;
 }
 
+namespace {
+
+// --start, --duration, --topics and --exclude, which play, cat and filter read alike.
+void RegisterRangeOptions(ToolsOptions* opt) {
+  opt->register_opt("start", "start this many seconds after the earliest bag's start (default 0)", "seconds",
+                    OptionInfo::kInt);
+  opt->register_opt("duration", "take this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
+  opt->register_opt("topics",
+                    "only the topics that one of these regular expressions matches whole (repeat the option or "
+                    "separate with commas; default: every topic)",
+                    "regex", OptionInfo::kList);
+  opt->register_opt("exclude",
+                    "leave out the topics that one of these regular expressions matches whole (default: none)",
+                    "regex", OptionInfo::kList);
+}
+
+}  // namespace
+
 PlayOpt::PlayOpt()
     : ToolsOptions("play", "play bags back at wall-clock pace", "bag_file(s)", OptionInfo::kList) {}
 
 void PlayOpt::register_opts() {
-  register_opt("start", "start this many seconds after the earliest bag's start (default 0)", "seconds",
-               OptionInfo::kInt);
-  register_opt("duration", "play this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
+  RegisterRangeOptions(this);
   register_opt("loop", "play the range again and again", "", OptionInfo::kFlag);
-  register_opt("topics",
-               "play only the topics that one of these regular expressions matches whole (repeat the option or "
-               "separate with commas; default: every topic)",
-               "regex", OptionInfo::kList);
-  register_opt("exclude", "leave out the topics that one of these regular expressions matches whole (default: none)",
-               "regex", OptionInfo::kList);
   register_opt("paused", "start paused; space in the terminal starts playback", "", OptionInfo::kFlag);
   register_opt("publish", "put every message back on the LCM bus under its topic", "", OptionInfo::kFlag);
   register_opt("remap", "with --publish, publish topic FROM under TO instead (repeatable; default: none)",
@@ -137,15 +148,7 @@ void CopyOpt::register_opts() {
     set_alias("output", "o");
   }
   if (kind == Kind::kCat || kind == Kind::kFilter) {
-    register_opt("start", "start this many seconds after the earliest bag's start (default 0)", "seconds",
-                 OptionInfo::kInt);
-    register_opt("duration", "this many seconds (default 0: to the end)", "seconds", OptionInfo::kInt);
-    register_opt("topics",
-                 "only the topics that one of these regular expressions matches whole (repeat the option or "
-                 "separate with commas; default: every topic)",
-                 "regex", OptionInfo::kList);
-    register_opt("exclude", "leave out the topics that one of these regular expressions matches whole (default: none)",
-                 "regex", OptionInfo::kList);
+    RegisterRangeOptions(this);
   }
   if (kind == Kind::kCat) register_opt("json", "print a JSON object a line instead of text", "", OptionInfo::kFlag);
 }
@@ -166,8 +169,7 @@ std::string CopyOpt::Check() const {
   if (kind == Kind::kRecover && files.size() != 1) return "give one bag file to recover";
   if (kind != Kind::kCat) {
     const std::string extension = ".kelobag";
-    if (output.size() <= extension.size() ||
-        output.compare(output.size() - extension.size(), extension.size(), extension) != 0) {
+    if (output.size() <= extension.size() || !common::util::CheckFileExtension(output, extension)) {
       return "-o must name the bag to write, ending in .kelobag";
     }
   }

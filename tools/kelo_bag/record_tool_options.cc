@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include "platform/fileio/file_extension.h"
 #include "tools/kelo_bag/topic_selection.h"
 
 namespace kelo {
@@ -63,8 +64,7 @@ void RecordToolOpt::load_opts() {
   const std::string extension = ".kelobag";
   if (!base.empty() && base.back() != '/' && stat(base.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
     base += "/";
-  } else if (base.size() > extension.size() &&
-             base.compare(base.size() - extension.size(), extension.size(), extension) == 0) {
+  } else if (base.size() > extension.size() && common::util::CheckFileExtension(base, extension)) {
     if (trigger || split_time != 0) {
       base.resize(base.size() - extension.size());
     } else {
