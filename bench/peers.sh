@@ -8,10 +8,14 @@
 #   pace    - 5 s of 1,000 msg/s recorded by both, then played back onto the bus by
 #             `kelo_bag play --publish` and by `lcm-logplayer`: how late each message
 #             arrives against its file's schedule (pace_probe), and the first message's.
+#   bags    - bench/bag_peers: our bag files against the ROS 1 bag library on the same
+#             payloads (write, describe, read; against write+fsync and dd as well).
 # Prints each figure and the ratio ours / peer. Peers are measured where installed:
 #   lcm-logger:  apt-get install liblcm-bin
-# The ROS 1 bag storage library (librosbag-storage-dev) is not measured by this script.
+#   ROS 1 bags:  apt-get install librosbag-storage-dev libstd-msgs-dev, then build the
+#                release preset again (bench/bag_peers is built only where they are)
 #
+# BENCH_DIR (default /var/tmp) is where the bag files of 1 GB are written.
 #   bench/peers.sh [RUNS]      (default 3; needs the release build with the benchmarks)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -23,6 +27,13 @@ kb=$release/tools/kelo_bag
 publish=$release/tests/lcm_publish
 count=$release/bench/lcmlog_count
 pace=$release/bench/pace_probe
+if [ -x "$release/bench/bag_peers" ]; then
+  mkdir -p "${BENCH_DIR:-/var/tmp}/kelo_bag_peers"
+  "$release/bench/bag_peers" --dir "${BENCH_DIR:-/var/tmp}/kelo_bag_peers" --kelo_bag "$kb" --runs "$runs"
+  rmdir "${BENCH_DIR:-/var/tmp}/kelo_bag_peers"
+else
+  echo "bench/bag_peers was not built (ROS 1 bag library not installed): no bag file peer" >&2
+fi
 for f in "$kb" "$publish" "$count" "$pace"; do
   [ -x "$f" ] || { echo "missing $f: build the release preset first" >&2; exit 2; }
 done
