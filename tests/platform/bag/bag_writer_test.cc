@@ -188,27 +188,9 @@ TEST(BagWriterTest, WritesEveryCrcStoresWhatDoesNotShrinkAsItIsAndTakesTheDefaul
   const size_t data_end = f.summary_start - mcap::kDataEndRecordSize;
   ASSERT_TRUE(mcap::ParseDataEnd(bytes.data() + data_end + mcap::kPrefixSize, 4, &data_crc));
   EXPECT_EQ(mcap::Crc32(bytes.data(), data_end), data_crc);
-  EXPECT_EQ("none", BagReader(dir.file("c.kelobag")).file_info().compression);
-  std::set<int> groups;  // named by the summary offsets
-  size_t chunks = 0;
-  for (size_t pos = f.summary_start; pos < footer; pos += mcap::kPrefixSize + mcap::LoadU64(&bytes[pos + 1])) {
-    const uint64_t len = mcap::LoadU64(&bytes[pos + 1]);
-    mcap::ChunkIndex ci;
-    mcap::SummaryOffset so;
-    if (static_cast<uint8_t>(bytes[pos]) == mcap::kOpChunkIndex) {
-      ASSERT_TRUE(mcap::ParseChunkIndex(&bytes[pos + mcap::kPrefixSize], len, &ci) && ++chunks);
-      EXPECT_LT(ci.message_start_time, ci.message_end_time) << chunks;  // several messages a chunk
-    }
-    if (static_cast<uint8_t>(bytes[pos]) == mcap::kOpSummaryOffset) {
-      ASSERT_TRUE(mcap::ParseSummaryOffset(&bytes[pos + mcap::kPrefixSize], len, &so));
-      groups.insert(so.group_opcode);
-    }
-  }
-  EXPECT_GT(chunks, 3u);
-  EXPECT_EQ(1u, groups.count(mcap::kOpChunkIndex));
-  size_t channels = 0;  // the channel record: once among the data, once in the summary
-  for (size_t at = bytes.find("/noise"); at != std::string::npos; at = bytes.find("/noise", at + 1)) ++channels;
-  EXPECT_EQ(2u, channels);
+  const BagFileInfo info = BagReader(dir.file("c.kelobag")).file_info();
+  EXPECT_EQ("none", info.compression);
+  EXPECT_TRUE(info.chunks > 3 && info.chunks < 20) << info.chunks;  // several messages a chunk
   BagWriterOptions lz4 = DefaultBagWriterOptions(), before = lz4;
   lz4.compression = BagCompression::kLz4;
   SetDefaultBagWriterOptions(lz4);
