@@ -151,17 +151,5 @@ TEST(BagCacheWriterTest, SavesWhileMessagesKeepArrivingOnAnotherThread) {
   }
 }
 
-TEST(BagCacheWriterTest, TakesForItsOwnOnlyTheNamesItGivesItsFiles) {
-  BagCacheWriter writer(fileio::FilePath("/rec/drive1.kelobag.active"), 1, 1, 1 << 20);
-  for (const auto& [name, ours] : std::vector<std::pair<std::string, bool>>{
-           {"drive1_20240305140709.kelobag", true},      {"drive1_20240305140709_brake-1.x.kelobag", true},
-           {"drive1_20240305140709-3.kelobag", true},    {"drive1_2024030514070.kelobag", false},
-           {"drive1_20240305140709.kelobag.active", false}, {"drive1_2024030514070x.kelobag", false},
-           {"drive2_20240305140709.kelobag", false},     {"drive1_20240305140709_a b.kelobag", false},
-           {"drive1_20240305140709-x.kelobag", false},   {"drive1_20240305140709_.kelobag", false}}) {
-    EXPECT_EQ(ours, writer.IsSavedName(name)) << name;
-  }
-}
-
 }  // namespace
 }  // namespace kelo

@@ -17,6 +17,9 @@ namespace {
 
 using namespace testing_support;  // NOLINT
 
+// Time order across overlapping chunks, with ties in write order, is checked on the conformance corpus and
+// on the interop test's files; what our writer stores, by the interop test's reader.
+
 BagMessage Message(const std::string& topic, long time, const std::string& type, const std::string& data) {
   return BagMessage{topic, time, type, data, time + 7};
 }
@@ -136,40 +139,12 @@ TEST(BagReaderTest, ThreeTopicsTakingTurnsInOneChunkComeBackInOrderAndQuietTopic
   EXPECT_NE(std::find(topics.begin(), topics.end(), "/late"), topics.end());
 }
 
-TEST(BagReaderTest, GivesBackWhatWasWrittenInTimeOrderWithTiesInWriteOrder) {
-  // Messages from 0 bytes to 16 MB, a topic whose type changes, times that go back and repeat.
-  std::vector<BagMessage> messages;
-  long time = 1700000000000;
-  unsigned seed = 1;
-  for (size_t size : {0ul, 1ul, 100ul, 10240ul, 1ul << 20, 16ul << 20, 7ul}) {
-    messages.push_back(Message("/camera", time, "kelo.Image", Noise(size, seed++)));
-    messages.push_back(Message("/imu", time, "kelo.Imu", Noise(size % 500, seed++)));
-    time += 10;
-  }
-  messages.push_back(Message("/imu", time - 55, "kelo.Imu", "late"));
-  for (int i = 0; i < 300; ++i) {
-    messages.push_back(Message("/state", time + i / 3, i < 150 ? "kelo.V1" : "kelo.V2", Noise(i, seed++)));
-  }
-  std::vector<BagMessage> expected = messages;
-  std::stable_sort(expected.begin(), expected.end(), [](auto& a, auto& b) { return a.time < b.time; });
-  for (BagCompression c : {BagCompression::kZstd, BagCompression::kLz4, BagCompression::kNone}) {
-    TempDir dir;
-    BagReader reader(WriteBag(dir.file("all.kelobag"), messages, c, 4096));  // chunks overlap in time
-    EXPECT_EQ("", reader.get_error());
-    EXPECT_EQ(Describe(expected), ReadEverything(&reader));
-    EXPECT_EQ(std::make_pair(expected.front().time, expected.back().time),
-              std::make_pair(reader.start_time(), reader.end_time()));
-    std::string topics;
-    for (const auto& t : reader.topics()) topics += t->name + ":" + t->type + " ";
-    EXPECT_EQ("/camera:kelo.Image /imu:kelo.Imu /state:kelo.V1 /state:kelo.V2 ", topics);
-  }
-}
-
 TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
   TempDir dir;
   std::vector<BagMessage> messages;
   for (long t : {10, 20, 20, 30, 50}) messages.push_back(Message("/t", t, "T", std::to_string(t)));
   auto reader = std::make_unique<BagReader>(WriteBag(dir.file("seek.kelobag"), messages));
+  EXPECT_EQ(std::make_pair(10L, 50L), std::make_pair(reader->start_time(), reader->end_time()));
   // {time, index of the first message at or after it}
   for (const auto& [time, index] : std::vector<std::pair<long, size_t>>{
            {-5, 0}, {10, 0}, {11, 1}, {20, 1}, {21, 3}, {50, 4}, {51, 5}}) {
@@ -190,12 +165,12 @@ TEST(BagReaderTest, DescribesHowEachFileIsStoredAndWhatIsNotABag) {
   TempDir dir;
   for (const auto& [name, c] : std::vector<std::pair<std::string, BagCompression>>{
            {"zstd", BagCompression::kZstd}, {"lz4", BagCompression::kLz4}, {"none", BagCompression::kNone}}) {
-    const BagFileInfo info =
-        BagReader(WriteBag(dir.file(name + ".kelobag"), {Message("/l", 5, "T", std::string(20000, 'z'))}, c))
-            .file_info();
+    const std::vector<BagMessage> written = {Message("/l", 5, "T", std::string(20000, 'z'))};
+    BagReader reader(WriteBag(dir.file(name + ".kelobag"), written, c));
+    EXPECT_EQ(Describe(written), ReadEverything(&reader));
+    const BagFileInfo info = reader.file_info();
     EXPECT_EQ(name + " 1 indexed", info.compression + " " + std::to_string(info.chunks) +
                                                      (info.indexed && !info.recovered ? " indexed" : ""));
-    EXPECT_EQ(0u, info.library.find("libkelo_bag_aa ")) << info.library;
   }
   // What is not a bag: no messages, nothing described, and one line that names it.
   WriteFile(dir.file("text.kelobag"), "this is not a bag at all");
@@ -269,46 +244,6 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   BagReader reader(dir.file("zeroed.kelobag.active"));
   EXPECT_EQ(Describe(expected), ReadEverything(&reader));
   EXPECT_TRUE(reader.file_info().damaged && reader.file_info().unread_bytes >= third.end - third.begin);
-}
-
-TEST(BagReaderTest, SurvivesBytesFlippedAnywhere) {
-  for (BagCompression c : {BagCompression::kNone, BagCompression::kLz4}) {
-    TempDir dir;
-    const ChunkedBag bag = MakeChunkedBag(dir, c);
-    const std::string damaged = dir.file("damaged.kelobag");
-    for (size_t at = 0; at < bag.bytes.size(); at += 29) {
-      for (unsigned char mask : {0x01, 0x80, 0xFF}) {
-        std::string bytes = bag.bytes;
-        bytes[at] = static_cast<char>(bytes[at] ^ mask);
-        WriteFile(damaged, bytes);
-        BagReader reader(damaged);
-        unsigned steps = 0;
-        for (reader.seek(0); !reader.eof(); reader.next()) {
-          ASSERT_NE(nullptr, reader.read()) << "flip at " << at;
-          ASSERT_LE(++steps, bag.messages.size()) << "flip at " << at;
-        }
-        reader.seek_time(150);
-        ASSERT_TRUE(reader.eof() || reader.read() != nullptr);
-      }
-    }
-  }
-}
-
-TEST(BagReaderTest, ReadsTheLossesAWriterRecordedFromTheSummaryAndByScanning) {
-  TempDir dir;
-  const std::string path = dir.file("lossy.kelobag");
-  BagWriter writer(fileio::FilePath(path + ".active"));  // losses are kept in the bag's metadata
-  writer.losses()->Add("/imu", BagLossReason::kQueueFull, 3);
-  writer.losses()->Add("/gps", BagLossReason::kDiskFull, 2);
-  writer.append_message(5, 5, "/imu", "x", "T");
-  ASSERT_EQ(path, writer.close());
-  const std::string bytes = ReadFile(path);
-  WriteFile(dir.file("scanned.kelobag.active"), bytes.substr(0, bytes.size() - 40));  // no summary
-  for (const std::string& file : {path, dir.file("scanned.kelobag.active")}) {
-    const BagLosses losses = LossesIn(file);
-    EXPECT_EQ("5 3 2", std::to_string(losses.total()) + " " + std::to_string(losses.total(BagLossReason::kQueueFull)) +
-                           " " + std::to_string(losses.topic_total("/gps"))) << file;
-  }
 }
 
 }  // namespace

@@ -142,33 +142,28 @@ TEST(BagWriterTest, AFolderRemovedWhileWritingLosesItsFileAndANewOneBeginsWhenIt
   EXPECT_EQ(1u, writer.losses()->Total().total(BagLossReason::kWriteError));
 }
 
-TEST(BagWriterTest, TimesABagCannotHoldAreCountedAndReportedOncePerEpisode) {
+// Catches times a bag cannot hold, or a topic past the last channel id, stored anyway, uncounted, or
+// reported at every message instead of once per episode.
+TEST(BagWriterTest, WhatABagCannotHoldIsCountedAndReportedOncePerEpisode) {
   TempDir dir;
   BagWriter writer(fileio::FilePath(dir.file("t.kelobag.active")));
   testing::internal::CaptureStderr();
-  for (auto [time, record_time, topic] : std::vector<std::tuple<long, long, std::string>>{
-           {-1, 5, "/t"}, {5, -7, "/t"}, {5, 5, "/c"}, {-9, 5, "/u"}}) {
-    writer.append_message(time, record_time, topic, topic, "T");
-  }
-  EXPECT_EQ("/c ", Datas(writer.close()));
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(3u, writer.losses()->Total().total(BagLossReason::kBadTime));
-  EXPECT_EQ(1u, writer.losses()->Total().topic_total("/u"));
-  // Reported again only after "/c" was stored.
-  EXPECT_THAT(log, testing::ContainsRegex("outside the times(.|\n)*outside the times"));
-  EXPECT_THAT(log, testing::Not(testing::ContainsRegex("(outside the times(.|\n)*){3}")));
-}
-
-TEST(BagWriterTest, StoresNoMoreTopicsThanChannelIdsCanName) {
-  TempDir dir;
-  BagWriter writer(fileio::FilePath(dir.file("m.kelobag.active")));
-  testing::internal::CaptureStderr();
   for (int i = 0; i < 65536; ++i) writer.append_topic("/t" + std::to_string(i), "T");
   writer.append_message(1, 1, "/t65535", "x", "T");  // the 65536th topic: no id left
-  writer.append_message(2, 2, "/t0", "y", "T");
-  EXPECT_EQ("y ", Datas(writer.close()));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("no channel id left for /t65535"));
-  EXPECT_EQ(1u, writer.losses()->Total().total(BagLossReason::kWriteError));
+  for (auto [time, record_time, topic] : std::vector<std::tuple<long, long, std::string>>{
+           {-1, 5, "/t1"}, {5, -7, "/t1"}, {5, 5, "/t0"}, {-9, 5, "/t2"}}) {
+    writer.append_message(time, record_time, topic, topic, "T");
+  }
+  EXPECT_EQ("/t0 ", Datas(writer.close()));
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(log, HasSubstr("no channel id left for /t65535"));
+  const BagLosses lost = writer.losses()->Total();
+  EXPECT_EQ(1u, lost.total(BagLossReason::kWriteError));
+  EXPECT_EQ(3u, lost.total(BagLossReason::kBadTime));
+  EXPECT_EQ(1u, lost.topic_total("/t2"));
+  // Reported again only after "/t0" was stored.
+  EXPECT_THAT(log, testing::ContainsRegex("outside the times(.|\n)*outside the times"));
+  EXPECT_THAT(log, testing::Not(testing::ContainsRegex("(outside the times(.|\n)*){3}")));
 }
 
 TEST(BagWriterTest, WritesEveryCrcStoresWhatDoesNotShrinkAsItIsAndTakesTheDefaultsOfItsTime) {
@@ -188,27 +183,9 @@ TEST(BagWriterTest, WritesEveryCrcStoresWhatDoesNotShrinkAsItIsAndTakesTheDefaul
   const size_t data_end = f.summary_start - mcap::kDataEndRecordSize;
   ASSERT_TRUE(mcap::ParseDataEnd(bytes.data() + data_end + mcap::kPrefixSize, 4, &data_crc));
   EXPECT_EQ(mcap::Crc32(bytes.data(), data_end), data_crc);
-  EXPECT_EQ("none", BagReader(dir.file("c.kelobag")).file_info().compression);
-  std::set<int> groups;  // named by the summary offsets
-  size_t chunks = 0;
-  for (size_t pos = f.summary_start; pos < footer; pos += mcap::kPrefixSize + mcap::LoadU64(&bytes[pos + 1])) {
-    const uint64_t len = mcap::LoadU64(&bytes[pos + 1]);
-    mcap::ChunkIndex ci;
-    mcap::SummaryOffset so;
-    if (static_cast<uint8_t>(bytes[pos]) == mcap::kOpChunkIndex) {
-      ASSERT_TRUE(mcap::ParseChunkIndex(&bytes[pos + mcap::kPrefixSize], len, &ci) && ++chunks);
-      EXPECT_LT(ci.message_start_time, ci.message_end_time) << chunks;  // several messages a chunk
-    }
-    if (static_cast<uint8_t>(bytes[pos]) == mcap::kOpSummaryOffset) {
-      ASSERT_TRUE(mcap::ParseSummaryOffset(&bytes[pos + mcap::kPrefixSize], len, &so));
-      groups.insert(so.group_opcode);
-    }
-  }
-  EXPECT_GT(chunks, 3u);
-  EXPECT_EQ(1u, groups.count(mcap::kOpChunkIndex));
-  size_t channels = 0;  // the channel record: once among the data, once in the summary
-  for (size_t at = bytes.find("/noise"); at != std::string::npos; at = bytes.find("/noise", at + 1)) ++channels;
-  EXPECT_EQ(2u, channels);
+  const BagFileInfo info = BagReader(dir.file("c.kelobag")).file_info();
+  EXPECT_EQ("none", info.compression);
+  EXPECT_TRUE(info.chunks > 3 && info.chunks < 20) << info.chunks;  // several messages a chunk
   BagWriterOptions lz4 = DefaultBagWriterOptions(), before = lz4;
   lz4.compression = BagCompression::kLz4;
   SetDefaultBagWriterOptions(lz4);

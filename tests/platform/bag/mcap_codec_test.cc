@@ -17,22 +17,12 @@ namespace kelo {
 namespace mcap {
 namespace {
 
-TEST(McapCodecTest, CrcsAndTheSmallestValidFileAreByteForByteRight) {
+// Byte layouts of whole files are checked by the interop test, which reads our bags with another reader.
+TEST(McapCodecTest, CrcsAreTheStandardCrc32AndCombineLikeOneRun) {
   EXPECT_EQ(0xCBF43926u, Crc32("123456789", 9));
   const std::string a = "first part", b = "and the second";
   EXPECT_EQ(Crc32((a + b).data(), a.size() + b.size()),
             Crc32Combine(Crc32(a.data(), a.size()), Crc32(b.data(), b.size()), b.size()));
-  std::string file(kMagic, kMagicSize);
-  AppendHeader(&file, {"", ""});
-  AppendDataEnd(&file, Crc32(file.data(), file.size()));
-  AppendFooter(&file, {0, 0, 0x6FC4C9B0u});  // the CRC of every footer without a summary
-  file.append(kMagic, kMagicSize);
-  const unsigned char want[] = {
-      0x89, 'M', 'C', 'A', 'P', '0', '\r', '\n', 0x01, 8,    0,    0,   0,   0,   0,   0,    0,    0,    0,
-      0,    0,   0,   0,   0,   0,   0x0f, 4,    0,    0,    0,    0,   0,   0,   0,   0x73, 0xc3, 0xfa, 0xeb,
-      0x02, 20,  0,   0,   0,   0,   0,    0,    0,    0,    0,    0,   0,   0,   0,   0,    0,    0,    0,
-      0,    0,   0,   0,   0,   0,   0xb0, 0xc9, 0xc4, 0x6f, 0x89, 'M', 'C', 'A', 'P', '0',  '\r', '\n'};
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(want), sizeof(want)), file);
 }
 
 TEST(McapCodecTest, ParsersRoundTripRejectEveryTruncationAndIgnoreAppendedFields) {

@@ -104,19 +104,6 @@ TEST(ToolsOptionsTest, BadCommandLinesFailWithOneLineNamingTheOption) {
   }
 }
 
-// Catches inner options shown in help, or help that loads options or exits non-zero.
-TEST(ToolsOptionsTest, HelpListsThePublicOptionsOnlyAndLoadsNothing) {
-  DemoOptions opt;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(Parse(&opt, {"--help"}), Result::kHelp);
-  const std::string printed = testing::internal::GetCapturedStdout();
-  for (const char* shown : {"--name", "--ls", "how many", "file(s)"}) EXPECT_THAT(printed, HasSubstr(shown));
-  EXPECT_THAT(printed, testing::Not(HasSubstr("secret")));
-  EXPECT_THAT(printed, testing::Not(HasSubstr("--tag")));
-  EXPECT_EQ(opt.loads, 0);
-  EXPECT_EQ(opt.exit_code(), 0);
-}
-
 // An alias taken twice is the tool author's mistake: catches it escaping as an exception.
 TEST(ToolsOptionsTest, ConflictingRegistrationFailsCleanly) {
   DemoOptions opt;

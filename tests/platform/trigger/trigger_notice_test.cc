@@ -12,23 +12,18 @@
 namespace kelo {
 namespace {
 
-// Catches a notice written in other words, or one that does not parse back to itself (a bare time included).
-TEST(TriggerNoticeTest, EveryValidNoticeParsesBackToItself) {
+// Catches a notice written in other words, one that does not parse back to itself (a bare time included), and
+// any text it could not have written taken, or the notice touched by a refused one.
+TEST(TriggerNoticeTest, ParsesBackExactlyTheTextsItWrites) {
   EXPECT_EQ((TriggerNotice{1709647629000, "brake_event"}.ToText()), "trigger 1709647629000 brake_event");
-  for (long t : {0L, 9L, 10L, 1709647629001L, TriggerNotice::kMaxTimeMs}) {
-    for (const std::string& label : {std::string(), std::string("A-b.c_9z"), std::string("-"), std::string(64, 'Z')}) {
-      const TriggerNotice notice{t, label};
-      ASSERT_TRUE(notice.IsValid());
-      TriggerNotice back{-7, "untouched"};
-      ASSERT_TRUE(TriggerNotice::Parse(notice.ToText(), &back)) << notice.ToText();
-      EXPECT_EQ(back.time_ms, t);
-      EXPECT_EQ(back.label, label);
-    }
+  const std::vector<TriggerNotice> valid = {
+      {0, ""}, {9, "-"}, {10, "A-b.c_9z"}, {1709647629001, ""}, {TriggerNotice::kMaxTimeMs, std::string(64, 'Z')}};
+  for (const TriggerNotice& notice : valid) {
+    TriggerNotice back{-7, "untouched"};
+    ASSERT_TRUE(notice.IsValid() && TriggerNotice::Parse(notice.ToText(), &back)) << notice.ToText();
+    EXPECT_EQ(back.time_ms, notice.time_ms);
+    EXPECT_EQ(back.label, notice.label);
   }
-}
-
-// Any text it could not have written is rejected, and the notice left alone.
-TEST(TriggerNoticeTest, RejectsEveryTextItCouldNotHaveWrittenAndLeavesTheNoticeAlone) {
   const std::vector<std::string> bad = {
       "", "trigger", "trigger ", "trigger  1", "Trigger 1", "trigger 1 ", "trigger 1  a", "trigger 01",
       "trigger -1", "trigger +1", "trigger 1x", "trigger 0x10", "trigger 253402300800000",

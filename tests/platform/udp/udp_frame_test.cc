@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <random>
 #include <string>
 #include <tuple>
@@ -10,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/udp/memory_stream.h"
 #include "platform/udp/udp_message.h"
 #include "platform/udp/udp_reassembler.h"
 
@@ -181,63 +179,6 @@ TEST_F(UdpReassemblerTest, MemoryStaysWithinTheLimitsWhateverArrivesAndNewMessag
     for (const std::string& d : Frames(5000 + body.size(), "k", body)) complete = Add(&r, d, 400);
     ASSERT_TRUE(complete) << body.size();
     EXPECT_EQ(message_.body(), body);
-  }
-}
-
-// Catches truncated widths, sign loss and a byte order other than little-endian.
-TEST(MemoryStreamTest, NumbersRoundTripLittleEndian) {
-  MemoryStream out;
-  out.write_uint32(0x04030201u);
-  out.write_uint16(0x0605);
-  out.write_uint8(7);
-  EXPECT_EQ(out.data(), std::string("\x01\x02\x03\x04\x05\x06\x07", 7));
-  out.write_int32(std::numeric_limits<int32_t>::min());
-  out.write_int64(std::numeric_limits<int64_t>::min());
-  out.write_uint64(std::numeric_limits<uint64_t>::max());
-  out.write_double(-1.0 / 3);
-  MemoryStream in(out.data());
-  uint32_t u32 = 0;
-  uint16_t u16 = 0;
-  uint8_t u8 = 0;
-  int32_t i32 = 0;
-  int64_t i64 = 0;
-  uint64_t u64 = 0;
-  double d = 0;
-  ASSERT_TRUE(in.read_uint32(&u32) && in.read_uint16(&u16) && in.read_uint8(&u8) && in.read_int32(&i32) &&
-              in.read_int64(&i64) && in.read_uint64(&u64) && in.read_double(&d));
-  EXPECT_EQ(
-      std::make_tuple(u32, u16, u8, i32, i64, u64, d),
-      std::make_tuple(0x04030201u, uint16_t{0x0605}, uint8_t{7}, std::numeric_limits<int32_t>::min(),
-                      std::numeric_limits<int64_t>::min(), std::numeric_limits<uint64_t>::max(), -1.0 / 3));
-  EXPECT_EQ(in.remaining(), 0u);
-}
-
-// Catches strings cut at NULs or 64 KiB, short reads that move or write, and replies unlinked.
-TEST(MemoryStreamTest, StringsKeepEveryByteAndShortDataFailsWithoutMovingTheCursor) {
-  UdpMessage m("key", "raw", 41, 0);
-  const std::string big(70000, 'x');
-  ASSERT_TRUE(m.write_string(std::string("\0\xff", 2)) && m.write_string(big));
-  EXPECT_EQ(m.body().substr(0, 9), std::string("raw\x02\0\0\0\0\xff", 9));
-  std::string read;
-  MemoryStream in(m.body().substr(3));
-  ASSERT_TRUE(in.read_string(&read) && read == std::string("\0\xff", 2) && in.read_string(&read) &&
-              read == big);
-  UdpMessage reply = m.create_recv("key_recv");
-  EXPECT_EQ(reply.key() + reply.body(), "key_recv");
-  EXPECT_EQ(reply.reply_to(), 41u);
-  EXPECT_EQ(UdpMessage("x").create_recv("y").reply_to(), 0u);
-  std::vector<std::string> inputs = {std::string("\xff\xff\xff\xff", 4) + "abc",
-                                     std::string("\0\0\0\x80", 4)};
-  for (size_t cut = 0; cut < 9; ++cut) inputs.push_back(std::string("\x05\0\0\0hello", 9).substr(0, cut));
-  for (const std::string& input : inputs) {
-    MemoryStream short_in(input);
-    std::string s = "kept", raw;
-    uint64_t wide = 7;
-    EXPECT_FALSE(short_in.read_string(&s)) << input.size();
-    EXPECT_EQ(s, "kept");
-    EXPECT_EQ(input.size() >= 8, short_in.read_uint64(&wide));
-    EXPECT_EQ(wide == 7, input.size() < 8);
-    EXPECT_FALSE(short_in.read_bytes(input.size() + 1, &raw));
   }
 }
 
