@@ -119,37 +119,6 @@ TEST(BagPlayTest, UnreadableBagPrintsItsErrorOnceAndTheOthersPlay) {
   EXPECT_THAT(sink, ElementsAre(missing_error, garbage_error, testing::_, "topic:", "  /t\n", "stop"));
 }
 
-// The timeline line: state, bag time last waited for (0 at first), elapsed and range; also to the sink.
-TEST(BagPlayTest, TimelineLineShowsStateBagTimeElapsedAndLength) {
-  TempDir dir;
-  BagPlay play(WriteBag(dir, "bag", At("/t", {1000, 1002, 1004})));
-  std::string sink;
-  testing::internal::CaptureStdout();
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  testing::internal::GetCapturedStdout();
-  play.output()->set_output_string_func([&sink](const std::string& text) { sink += text; });
-  const struct {
-    std::function<void()> control;
-    int code;
-    std::string line;
-  } steps[] = {
-      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 0   Duration: 0.000000"},
-      {[&] { play.ControlPause(false); }, 0, "RUNNING]  Bag Time: 1000   Duration: 0.000000"},
-      {[] {}, 0, "RUNNING]  Bag Time: 1002   Duration: 0.002000"},
-      {[&] { play.ControlPause(true); }, 3, "PAUSED ]  Bag Time: 1002   Duration: 0.002000"},
-      {[&] { play.ControlSingle(); }, 0, "PAUSED ]  Bag Time: 1004   Duration: 0.004000"},
-  };
-  std::string lines;
-  for (const auto& step : steps) {
-    step.control();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(play.NotifyTimeline(), step.code);
-    lines += "\r [" + step.line + " / 0.004000" + std::string(15, ' ') + "\r";
-    EXPECT_EQ(sink, lines);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), lines.substr(lines.rfind("\r [")));
-  }
-}
-
 // No batch comes before its due time, and a pause shifts every later batch by its length.
 TEST(BagPlayTest, EveryBatchWaitsUntilItIsDueAndAPauseDelaysTheRest) {
   Player p({5000, 5001, 5010, 5010, 5030, 5031, 5070});
