@@ -65,15 +65,10 @@ TEST(BagRecordMonitorTest, TopicsComeInNameOrderWithTheirOwnStatisticsAndLosses)
   const auto& a = monitor->topic_info(0);
   const auto& b = monitor->topic_info(1);
   EXPECT_EQ(a.topic_name() + b.topic_name(), "ab");
-  for (const auto& topic : monitor->topic_info()) {
-    EXPECT_TRUE(topic.has_detail_1() && topic.has_detail_2());
-    EXPECT_EQ(topic.detail_1() + topic.detail_2(), "");
-  }
   EXPECT_EQ(a.message_count(), 1);
   EXPECT_EQ(a.message_info().total_bytes(), 7u);
   EXPECT_EQ(b.message_count(), 4) << "an empty payload is counted";
   EXPECT_EQ(b.message_info().total_bytes(), 56u);
-  EXPECT_TRUE(b.message_info().has_current_freq() && b.message_info().has_current_bytes());
   EXPECT_EQ(monitor->message_info().total_bytes(), 63u);
   EXPECT_EQ(monitor->lost_count(), 1u) << "the empty payload";
   EXPECT_EQ(a.lost_count(), 0u);

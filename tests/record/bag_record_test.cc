@@ -2,8 +2,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <map>
-#include <numeric>
 #include <regex>
 #include <string>
 #include <thread>
@@ -17,7 +15,6 @@
 #include "record/bag_record.h"
 #include "record/bag_record_options.h"
 #include "tests/support/bag_files.h"
-#include "tests/support/mounts.h"
 #include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
@@ -25,11 +22,9 @@ namespace kelo {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing_support::Noise;
 using testing_support::ReadAll;
 using testing_support::ReportLog;
-using testing_support::ScopedMount;
 using testing_support::TempDir;
 
 const char kDropLine[] = "AppendMessage buffer exceeded and dropping oldest queued message. count = ";
@@ -76,63 +71,16 @@ TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrderWithOneNamedSaveThread) {
     record.Start();
     record.Start();
     EXPECT_EQ(SaveThreads(), 1);
-    // An empty payload is said, counted lost and not written: no file for it.
-    record.AppendMessage(5, "/empty", "demo.Empty", "");
-    EXPECT_EQ(1u, record.GetLosses().total(BagLossReason::kEmpty));
     record.Stop();
     EXPECT_EQ(SaveThreads(), 0);
   }
   const std::string console = testing::internal::GetCapturedStdout();
   const std::string saved = "save to file: " + dir.path() + "/bag_[0-9]{14}\\.kelobag\\.active\n";
-  // The save thread says it runs on its own time: before or after the empty payload.
-  const std::string running = "save thread running\n", empty = "error message data. topic name: /empty\n";
-  EXPECT_TRUE(std::regex_match(console, std::regex(saved + "record exit\n" + saved + "(" + running + empty + "|" +
-                                                   empty + running + ")save thread exit\nrecord exit\n")))
+  EXPECT_TRUE(std::regex_match(console, std::regex(saved + "record exit\n" + saved +
+                                                   "save thread running\nsave thread exit\nrecord exit\n")))
       << console;
+  // Nothing recorded, no file.
   EXPECT_THAT(dir.List(), ElementsAre());
-}
-
-TEST(BagRecordTest, SavesMessagesOfManyThreadsIntoSplitPartsWithoutLossOrDuplicates) {
-  TempDir dir;
-  ReportLog log;
-  constexpr int kThreads = 4, kPerThread = 200;
-  {
-    BagRecord record("node", dir.file("rec"), 1);
-    record.output()->set_output_string_func(log.sink());
-    record.Start();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&record, t] {
-        for (int i = 0; i < kPerThread; ++i) {
-          // Message times walk through several split periods.
-          record.AppendMessage(1000 + i * 20, "/thread" + std::to_string(t), "demo.Count",
-                               std::to_string(t) + ":" + std::to_string(i));
-          if (i % 50 == 0) usleep(2000);
-        }
-      });
-    }
-    for (auto& thread : threads) thread.join();
-    ASSERT_TRUE(record.Drain(60000));
-    record.Stop();
-  }
-  std::map<int, std::vector<int>> per_thread;
-  for (const BagMessage& message : ReadDirectory(dir)) {
-    int t = -1, i = -1;
-    ASSERT_EQ(sscanf(message.data.c_str(), "%d:%d", &t, &i), 2);
-    EXPECT_EQ(message.topic + " " + message.type, "/thread" + std::to_string(t) + " demo.Count");
-    EXPECT_EQ(message.time, 1000 + i * 20);
-    EXPECT_GT(message.record_time, 1600000000000L) << "record time is wall-clock milliseconds";
-    per_thread[t].push_back(i);
-  }
-  std::vector<int> in_order(kPerThread);
-  std::iota(in_order.begin(), in_order.end(), 0);
-  ASSERT_EQ(per_thread.size(), static_cast<size_t>(kThreads));
-  for (auto& [t, sequence] : per_thread) EXPECT_EQ(sequence, in_order) << "thread " << t;
-  // Every part but the last was announced, by its completed name.
-  ASSERT_GE(dir.List().size(), 2u);
-  EXPECT_EQ(log.CountPrefix("split bag: "), dir.List().size() - 1);
-  for (const std::string& text : log.texts())
-    if (text.rfind("split bag: ", 0) == 0) { EXPECT_EQ(access(text.substr(11, text.size() - 12).c_str(), F_OK), 0); }
 }
 
 TEST(BagRecordTest, FullQueueDropsTheOldestAndCountsFromOneAfterEachStart) {
@@ -158,6 +106,7 @@ TEST(BagRecordTest, FullQueueDropsTheOldestAndCountsFromOneAfterEachStart) {
   std::vector<BagMessage> all = ReadDirectory(dir);
   ASSERT_EQ(all.size(), 1000u);
   for (int i = 3; i <= 1002; ++i) EXPECT_EQ(all[i - 3].data, std::to_string(i));
+  EXPECT_GT(all[0].record_time, 1600000000000L) << "record time is wall-clock milliseconds";
   EXPECT_EQ(2u, record.GetLosses().total(BagLossReason::kQueueFull));
 
   usleep(200000);
@@ -192,7 +141,9 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   log.Release();
   stopper.join();
 
-  EXPECT_EQ(log.CountPrefix("split bag: "), 1u);
+  // The part completed is announced by its completed name.
+  ASSERT_EQ(log.CountPrefix("split bag: "), 1u);
+  EXPECT_EQ(log.texts()[1], "split bag: " + dir.file(dir.List()[0]) + "\n");
   std::vector<long> times;
   for (const BagMessage& message : ReadDirectory(dir)) times.push_back(message.time);
   EXPECT_THAT(times, ElementsAre(1000, 3000)) << "the message in progress is finished, the rest dropped";
@@ -232,36 +183,6 @@ TEST(BagRecordTest, ConcurrentIntakeAcrossStartStopCyclesAndDestruction) {
   }
   EXPECT_GT(sink_calls.load(), 0);
   for (const std::string& name : dir.List()) EXPECT_EQ(BagReader(dir.file(name)).get_error(), "") << name;
-}
-
-TEST(BagRecordTest, AFullDiskKeepsWhatFitsCountsTheRestAndEveryFileStaysWhole) {
-  TempDir dir;
-  ScopedMount disk = ScopedMount::SmallDisk(dir.path(), 4 << 20);
-  ReportLog log;
-  testing::internal::CaptureStderr();
-  {
-    BagRecord record("node", dir.path() + "/", 1);
-    record.output()->set_output_string_func(log.sink());
-    record.Start();
-    constexpr int kMessages = 800;  // 8 MB, 2 s of message time: a split on the way
-    std::string problems;
-    for (int i = 0; i < kMessages; ++i) {
-      record.AppendMessage(1000 + i * 2.5, i % 2 ? "/odd" : "/even", "demo.T", Noise(10000, i));
-      if (i % 100 == 99) {
-        ASSERT_TRUE(record.Drain(60000));
-        if (problems.empty()) problems = record.GetRecordMonitor()->problems();
-      }
-    }
-    ASSERT_TRUE(record.Drain(60000));
-    record.Stop();
-    EXPECT_THAT(problems, HasSubstr("disk full"));
-    const BagLosses lost = record.GetLosses();
-    EXPECT_GT(lost.total(BagLossReason::kDiskFull), 0u);
-    EXPECT_GT(lost.topic_total("/odd"), 0u);
-    EXPECT_EQ(size_t{kMessages}, ReadDirectory(dir).size() + lost.total()) << "each message written or counted lost";
-    EXPECT_TRUE(record.GetIncompleteFiles().empty());
-  }
-  testing::internal::GetCapturedStderr();
 }
 
 // Catches intake of a new topic waiting for a disk that is behind (a writer made slow on purpose).
@@ -338,14 +259,7 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   log.Release();
   appender.join();
   EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
-  const std::string console = testing::internal::GetCapturedStdout();
-  auto count = [&](const std::string& line) {
-    size_t n = 0;
-    for (size_t at = console.find(line); at != std::string::npos; at = console.find(line, at + 1)) ++n;
-    return n;
-  };
-  EXPECT_EQ(count("save thread running\n"), count("save thread exit\n")) << "each run of the save thread says so";
-  EXPECT_GE(count("save thread running\n"), 3u);
+  testing::internal::GetCapturedStdout();
 }
 
 }  // namespace

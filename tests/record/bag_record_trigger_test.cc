@@ -81,21 +81,17 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
   struct Case {
     bool file;  // the output names a file, not only a folder
     std::vector<const char*> args;
-    std::string printed;
-    int mode;  // -1: no manager
+    int mode;   // -1: no manager
   } cases[] = {
-      {true, {"--nospacelimit"}, "opt.nospacelimit:1\n", -1},
-      {true, {"--fs", "2048"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 1},
-      {true, {"--fs", "2049"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 0},
-      {true, {"--fs", "-5"}, "opt.nospacelimit:0\nopt.nospacelimit:0\n", 1},
-      {false, {}, "opt.nospacelimit:0\n", -1},
+      {true, {"--nospacelimit"}, -1}, {true, {"--fs", "2048"}, 1}, {true, {"--fs", "2049"}, 0},
+      {true, {"--fs", "-5"}, 1},      {false, {}, -1},
   };
   for (const Case& c : cases) {
     BagRecordOpt opt;
     Load(&opt, dir.file("drive"), c.args);
     testing::internal::CaptureStdout();
     BagRecordTrigger writer(opt, fileio::FilePath(c.file ? opt.output : dir.path() + "/"));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
+    testing::internal::GetCapturedStdout();
     ASSERT_EQ(writer.space_manager() != nullptr, c.mode >= 0);
     if (c.mode >= 0) { EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), c.mode); }
   }
