@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include "output/tools_module_output.h"
 
@@ -65,27 +64,6 @@ TEST(ToolsModuleOutputTest, CacheIsSentAsOneBlockAndEmptiedBeforeTheSinkRuns) {
   out.fflush_message();
   out.fflush_message();
   EXPECT_EQ(sink, (std::vector<std::string>{"a\nbc\n", "", "first", "next"}));
-}
-
-// Catches JSON not reaching its sink, a null document sent, and the code written as a number.
-TEST(ToolsModuleOutputTest, JsonDocumentsGoOnlyToTheJsonSink) {
-  Output out;
-  std::vector<std::string> json;
-  out.set_output_json_func([&](const std::string& text) { json.push_back(text); });
-  out.send_json_message(Json::Value());
-  out.send_json_message("0", "ok");
-  out.send_json_message("3", "bad bag", Json::Value("two"));
-  ASSERT_EQ(json.size(), 2u);
-  Json::Value first, second;
-  std::istringstream(json[0]) >> first;
-  std::istringstream(json[1]) >> second;
-  EXPECT_EQ(first.getMemberNames(), (std::vector<std::string>{"error_code", "error_string"}));
-  EXPECT_EQ(first["error_code"], Json::Value("0"));
-  EXPECT_EQ(first["error_string"], Json::Value("ok"));
-  EXPECT_EQ(second["data"], Json::Value("two"));
-  testing::internal::CaptureStdout();
-  out.print_format("%s", "no text sink");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "no text sink");
 }
 
 // Catches a deadlock when the sink prints, and texts torn or lost across threads.

@@ -2,7 +2,6 @@
 #include <utime.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -57,17 +56,6 @@ struct Saved {
   std::vector<std::string> files;
 };
 
-// Sends a trigger from a process of its own and returns its report lines.
-std::string SendFromAnotherProcess(const std::string& label) {
-  std::string out;
-  FILE* pipe = popen((std::string(KELO_TRIGGER_PEER) + " send " + label).c_str(), "r");
-  char buffer[1024];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
-
 void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
   std::ofstream(path) << std::string(bytes, 'x');
   struct utimbuf times;
@@ -95,30 +83,6 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
     ASSERT_EQ(writer.space_manager() != nullptr, c.mode >= 0);
     if (c.mode >= 0) { EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), c.mode); }
   }
-}
-
-// Catches a window other than [trigger − reserve, + duration], saved before its end, or a file the sender is not told.
-TEST(BagRecordTriggerTest, TriggerFromAnotherProcessSavesTheWindow) {
-  TempDir dir;
-  BagRecordOpt opt;
-  Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "2", "-n", "node_a"});
-  Saved saved;
-  BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
-  writer.set_on_save(saved.sink());
-  const long start = WallClockMs();
-  for (long t = start - 3000; t <= start; t += 10) writer.save_message(At(t));
-  const long before = WallClockMs();
-  const std::string report = SendFromAnotherProcess("brake");
-  const long after = WallClockMs();
-  ASSERT_EQ(saved.get().size(), 1u);
-  EXPECT_THAT(report, HasSubstr("result node_a 1 " + saved.get()[0]));
-  EXPECT_GE(after - before, 1000) << "the node waits duration − reserve after the trigger";
-  std::vector<BagMessage> messages = ReadAll(saved.get()[0]);
-  ASSERT_FALSE(messages.empty());
-  EXPECT_GE(messages.front().time, before - 1000);  // the trigger came between `before` and `after`
-  EXPECT_LE(messages.front().time, after - 1000 + 10);
-  EXPECT_EQ(messages.back().time, start - (start - messages.front().time) % 10);
-  EXPECT_EQ(static_cast<long>(messages.size()), (messages.back().time - messages.front().time) / 10 + 1);
 }
 
 // Catches deleting others' files or the newest own bag, a silent deletion, and one event saved twice.
