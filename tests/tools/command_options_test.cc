@@ -41,16 +41,6 @@ TEST(RecordToolOptTest, ChecksWhatTheParserCannot) {
   }
 }
 
-// Files are read in the order given, each once, wherever options stand between them.
-TEST(PlayOptTest, KeepsFilesInTheOrderGiven) {
-  PlayOpt opt;
-  const std::vector<const char*> args = {"kelo_bag", "z.kelobag", "--start", "3",         "a.kelobag",
-                                         "--topics", "/a,/b",     "--loop",  "z.kelobag", "m.kelobag"};
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, opt.parse(static_cast<int>(args.size()), args.data()));
-  EXPECT_EQ((std::vector<std::string>{"z.kelobag", "a.kelobag", "m.kelobag"}),
-            PositionalsAsGiven(opt, static_cast<int>(args.size()), args.data()));
-}
-
 // Catches partial matches taken for whole ones, exclusions that lose to names, and a
 // selection subscribed literally while patterns must look at every channel.
 TEST(TopicSelectionTest, NamesAndWholeNamePatternsTakeExclusionsLeaveOut) {
