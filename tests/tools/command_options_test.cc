@@ -30,34 +30,15 @@ TEST(RecordToolOptTest, ChecksWhatTheParserCannot) {
     ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, c.first));
     EXPECT_NE(std::string::npos, opt.Check().find(c.second)) << opt.Check();
   }
-  RecordToolOpt zstd, lz4, none;
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&zstd, {"/imu"}));
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&lz4, {"/imu", "--compression", "lz4"}));
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&none, {"/imu", "--compression", "none"}));
-  EXPECT_EQ("", lz4.Check());
-  EXPECT_EQ(BagCompression::kZstd, zstd.WriterOptions().compression);
-  EXPECT_EQ(BagCompression::kLz4, lz4.WriterOptions().compression);
-  EXPECT_EQ(BagCompression::kNone, none.WriterOptions().compression);
-}
-
-TEST(PlayOptTest, KeepsFilesInTheOrderGivenAndChecksTheRange) {
-  PlayOpt opt;
-  const std::vector<const char*> args = {"kelo_bag", "z.kelobag", "--start", "3",         "a.kelobag",
-                                         "--topics", "/a,/b",     "--loop",  "z.kelobag", "m.kelobag"};
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, opt.parse(static_cast<int>(args.size()), args.data()));
-  EXPECT_EQ((std::vector<std::string>{"z.kelobag", "a.kelobag", "m.kelobag"}),
-            PositionalsAsGiven(opt, static_cast<int>(args.size()), args.data()));
-  EXPECT_EQ(3, opt.start);
-  EXPECT_TRUE(opt.loop);
-  EXPECT_FALSE(opt.publish);
-  EXPECT_EQ((std::set<std::string>{"/a", "/b"}), opt.topics);
-  EXPECT_EQ("", opt.Check());
-
-  PlayOpt none, negative;
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&none, {"--loop"}));
-  EXPECT_NE("", none.Check());
-  ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&negative, {"a", "--duration", "-2"}));
-  EXPECT_NE("", negative.Check());
+  for (const auto& [args, compression] : std::vector<std::pair<std::vector<const char*>, BagCompression>>{
+           {{"/imu"}, BagCompression::kZstd},
+           {{"/imu", "--compression", "lz4"}, BagCompression::kLz4},
+           {{"/imu", "--compression", "none"}, BagCompression::kNone}}) {
+    RecordToolOpt opt;
+    ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, args));
+    EXPECT_EQ("", opt.Check());
+    EXPECT_EQ(compression, opt.WriterOptions().compression) << args.size();
+  }
 }
 
 // Catches partial matches taken for whole ones, exclusions that lose to names, and a

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "record/bag_record.h"
@@ -11,6 +12,8 @@
 namespace kelo {
 namespace cli {
 namespace {
+
+using testing::HasSubstr;
 
 // What a StatusLine wrote, read back from its file.
 std::string Written(FILE* file) {
@@ -71,17 +74,6 @@ TEST(StatusLineTest, TellsTimeMessagesSizeDropsAndRates) {
             FormatRecordStatus(StatusOf(old), "caching"));
 }
 
-TEST(StatusLineTest, PrintsALineEachTimeWhenNotOnATerminal) {
-  FILE* file = std::tmpfile();
-  StatusLine status(file, false);
-  status.Show("one");
-  status.AfterText("split bag: x\n");
-  status.Show("two");
-  status.Clear();
-  EXPECT_EQ("one\ntwo\n", Written(file));
-  std::fclose(file);
-}
-
 TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
   FILE* file = std::tmpfile();
   StatusLine status(file, true);
@@ -117,26 +109,19 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   for (const char* text :
        {"car7 at 127.0.0.1:40001 (continuous)\n", "file rec/bag_20240305140709_2.kelobag.active\n",
         "recording 01:15  queue 3  lost 7", "total 2300 msgs 250 MB", "  lost: 5 disk full, 2 queue full\n",
-        "  ! disk full: cannot write"}) {
-    EXPECT_NE(std::string::npos, table.find(text)) << text << "\n" << table;
+        "  ! disk full: cannot write", "  /camera       0.0        0 B/s        300    29.3 KB        0\n",
+        "  /imu        200.0    19.5 KB/s       2000     195 KB        7\n"}) {
+    EXPECT_THAT(table, HasSubstr(text));
   }
-  EXPECT_NE(std::string::npos,
-            table.find("  /camera       0.0        0 B/s        300    29.3 KB        0\n"))
-      << table;
-  EXPECT_NE(std::string::npos,
-            table.find("  /imu        200.0    19.5 KB/s       2000     195 KB        7\n"))
-      << table;
   EXPECT_EQ("no recorder answered\n", FormatMonitorTable({}));
 
+  // The live tests read the node, messages, mode, queue, file and problems of the JSON.
   const Json::Value json = MonitorJson({reply, reply});
   ASSERT_EQ(2u, json["recorders"].size());
   const Json::Value& r = json["recorders"][1];
-  EXPECT_EQ("car7", r["node"].asString());
   EXPECT_EQ(40001, r["port"].asInt());
-  EXPECT_EQ(2300u, r["messages"].asUInt64());
   EXPECT_EQ(2, r["drops"].asInt());
   EXPECT_EQ(7u, r["lost"].asUInt64());
-  EXPECT_EQ("rec/bag_20240305140709_2.kelobag.active", r["current_file"].asString());
   ASSERT_EQ(2u, r["losses"].size());
   EXPECT_EQ("disk_full", r["losses"][1]["reason"].asString());
   EXPECT_EQ(5u, r["losses"][1]["count"].asUInt64());

@@ -7,22 +7,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/bag_files.h"
+
 namespace kelo {
 namespace testing_support {
-
-inline std::string ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // Polls `condition` every 20 ms until it holds or `timeout_ms` passed; returns whether it held.
 inline bool WaitFor(const std::function<bool()>& condition, int timeout_ms) {
@@ -37,11 +30,6 @@ inline bool WaitFor(const std::function<bool()>& condition, int timeout_ms) {
 // A program run by a test, with standard output and error going to files, so the test
 // can read what it printed at any time. Standard input is /dev/null. The process is
 // killed when the object goes, if it still runs.
-//
-//   Subprocess record({KELO_BAG, "record", "-a"}, dir.file("record"));
-//   ASSERT_TRUE(WaitFor([&] { return record.Stdout().find("recording") != npos; }, 5000));
-//   record.Signal(SIGINT);
-//   EXPECT_EQ(0, record.Wait(30000));
 class Subprocess {
  public:
   // Starts `argv`; output goes to `<log_prefix>.out` and `<log_prefix>.err`.
@@ -86,16 +74,14 @@ class Subprocess {
     return exited_ ? code_ : -1;
   }
 
-  bool running() { return !Poll(); }
-
-  std::string Stdout() const { return ReadWholeFile(out_path_); }
-  std::string Stderr() const { return ReadWholeFile(err_path_); }
+  std::string Stdout() const { return ReadFile(out_path_); }
+  std::string Stderr() const { return ReadFile(err_path_); }
 
  private:
   bool Poll() {
     if (exited_) return true;
-    int status = 0;
     if (pid_ <= 0) return exited_ = true;
+    int status = 0;
     if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
     exited_ = true;
     code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -109,15 +95,18 @@ class Subprocess {
   int code_ = -1;
 };
 
-// Runs `argv` to its end (at most `timeout_ms`), returning its exit code and, through the
-// pointers, what it printed.
-inline int RunToEnd(const std::vector<std::string>& argv, const std::string& log_prefix, std::string* out,
-                    std::string* err, int timeout_ms = 60000) {
+struct RunResult {
+  int code;  // as Subprocess::Wait() returns it
+  std::string out;
+  std::string err;
+};
+
+// Runs `argv` to its end (at most `timeout_ms`): its exit code and what it printed.
+inline RunResult RunToEnd(const std::vector<std::string>& argv, const std::string& log_prefix,
+                          int timeout_ms = 60000) {
   Subprocess process(argv, log_prefix);
   const int code = process.Wait(timeout_ms);
-  if (out != nullptr) *out = process.Stdout();
-  if (err != nullptr) *err = process.Stderr();
-  return code;
+  return {code, process.Stdout(), process.Stderr()};
 }
 
 }  // namespace testing_support

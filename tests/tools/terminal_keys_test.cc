@@ -14,50 +14,20 @@ namespace kelo {
 namespace cli {
 namespace {
 
-std::vector<Key> Decode(const std::string& bytes) {
-  KeyDecoder decoder;
-  std::vector<Key> keys;
-  decoder.Feed(bytes.data(), bytes.size(), &keys);
-  return keys;
-}
-
-TEST(KeyDecoderTest, DecodesEveryPlaybackKeyInBothArrowModes) {
-  EXPECT_EQ(
-      (std::vector<Key>{Key::kPause, Key::kStep, Key::kLoop, Key::kQuit, Key::kStep, Key::kLoop, Key::kQuit}),
-      Decode(" slqSLQ"));
-  EXPECT_EQ((std::vector<Key>{Key::kLeft, Key::kRight, Key::kLeft, Key::kRight}),
-            Decode("\033[D\033[C\033OD\033OC"));
-}
-
-TEST(KeyDecoderTest, IgnoresOtherKeysAndSequences) {
-  // Up and down, a modified arrow, a function key, letters, Enter, and Escape before a
-  // letter and before q, which still counts.
-  EXPECT_EQ((std::vector<Key>{Key::kQuit}), Decode("\033[A\033[B\033[1;5C\033[15~\033xab\n\033q"));
-}
-
-TEST(KeyDecoderTest, JoinsSequencesSplitAcrossReadsAtAnyByte) {
-  const std::string bytes = "s\033[Cl\033OD q";
-  const std::vector<Key> whole = Decode(bytes);
-  ASSERT_EQ((std::vector<Key>{Key::kStep, Key::kRight, Key::kLoop, Key::kLeft, Key::kPause, Key::kQuit}),
-            whole);
+// Every playback key, both arrow modes, and what is ignored: up and down, a modified arrow, a
+// function key, other letters, Enter, and Escape before a letter and before q, which still
+// counts. Sequences split across reads at any byte are joined.
+TEST(KeyDecoderTest, DecodesThePlaybackKeysWhereverTheReadsSplitThem) {
+  const std::string bytes = " slqSLQ\033[D\033[C\033OD\033OC\033[A\033[B\033[1;5C\033[15~\033xab\n\033q";
+  const std::vector<Key> want = {Key::kPause, Key::kStep, Key::kLoop,  Key::kQuit,  Key::kStep, Key::kLoop,
+                                 Key::kQuit,  Key::kLeft, Key::kRight, Key::kLeft, Key::kRight, Key::kQuit};
   for (size_t cut = 0; cut <= bytes.size(); ++cut) {
     KeyDecoder decoder;
     std::vector<Key> keys;
     decoder.Feed(bytes.data(), cut, &keys);
     decoder.Feed(bytes.data() + cut, bytes.size() - cut, &keys);
-    EXPECT_EQ(whole, keys) << "cut at " << cut;
+    EXPECT_EQ(want, keys) << "cut at " << cut;
   }
-}
-
-TEST(RawTerminalTest, LeavesWhatIsNoTerminalAlone) {
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  {
-    RawTerminal raw(fds[0]);
-    EXPECT_FALSE(raw.active());
-  }
-  close(fds[0]);
-  close(fds[1]);
 }
 
 TEST(RawTerminalTest, DeliversKeysAtOnceWithoutEchoAndRestoresTheTerminal) {

@@ -28,8 +28,6 @@ target_include_directories(lcm_publish PRIVATE ${PROJECT_SOURCE_DIR})
 
 # The command: without a bus; with a live LCM bus, monitors and triggers.
 kelo_add_tool_test(kelo_bag_cli_test local tools/kelo_bag_cli_test.cc)
-target_compile_definitions(kelo_bag_cli_test PRIVATE KELO_LCM_PUBLISH="$<TARGET_FILE:lcm_publish>")
-add_dependencies(kelo_bag_cli_test lcm_publish)
 kelo_add_tool_test(kelo_bag_live_test netns tools/kelo_bag_live_test.cc)
 target_compile_definitions(kelo_bag_live_test PRIVATE KELO_LCM_PUBLISH="$<TARGET_FILE:lcm_publish>")
 add_dependencies(kelo_bag_live_test lcm_publish)
