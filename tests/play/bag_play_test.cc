@@ -6,7 +6,6 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
-#include <list>
 #include <string>
 #include <thread>
 #include <vector>

@@ -24,7 +24,7 @@
 #include "platform/fileio/file_path.h"
 #include "tests/support/bag_files.h"
 #include "tests/support/temp_dir.h"
-#include "tests/tools/subprocess.h"
+#include "tests/support/subprocess.h"
 
 namespace kelo {
 namespace {

@@ -24,7 +24,7 @@
 #include "tests/support/bag_files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/temp_dir.h"
-#include "tests/tools/subprocess.h"
+#include "tests/support/subprocess.h"
 #include "tools/kelo_bag/files.h"
 #include "tools/kelo_bag/lcm_bus.h"
 #include "tools/kelo_bag/lcm_message_type.h"

@@ -14,7 +14,7 @@
 #include "platform/fileio/file_path.h"
 #include "play/bag_play.h"
 #include "tests/support/temp_dir.h"
-#include "tests/tools/subprocess.h"
+#include "tests/support/subprocess.h"
 
 namespace kelo {
 namespace cli {

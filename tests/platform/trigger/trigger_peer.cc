@@ -1,10 +1,8 @@
 // The trigger service in a process of its own, for tests of several processes:
 //   trigger_peer nodes NAME...  a node per NAME, noticed at once; prints "ready", then "notice NAME TEXT" per
-//       notice, reported saved as "/saved/NAME/TEXT" (blanks as '_'); exits when stdin closes or after a minute
-//   trigger_peer send LABEL  sends one trigger for now (20 s timeout, 1 s acknowledgement window), prints
-//       "result NODE ANSWERED FILE" per node, then "sent"
-#include <poll.h>
-#include <unistd.h>
+//       notice, reported saved as "/saved/NAME/TEXT" (blanks as '_'); exits 0 on SIGTERM, or after a minute
+#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -15,12 +13,15 @@
 
 #include "platform/trigger/trigger_protocol.h"
 #include "platform/trigger/trigger_record_node_api.h"
-#include "platform/trigger/trigger_sender.h"
 #include "platform/udp/udp_cast_manager.h"
 
 namespace {
 
 int RunNodes(const std::vector<std::string>& names) {
+  sigset_t stop;  // blocked before any thread starts, so that only sigtimedwait takes it
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
   std::mutex out;
   std::vector<std::unique_ptr<kelo::TriggerRecordNodeApi>> nodes;
   for (const std::string& name : names) {
@@ -42,23 +43,9 @@ int RunNodes(const std::vector<std::string>& names) {
   std::printf("ready\n");
   std::fflush(stdout);
   lock.unlock();
-  pollfd in = {STDIN_FILENO, POLLIN, 0};
-  char byte;
-  while (poll(&in, 1, 60000) > 0 && read(STDIN_FILENO, &byte, 1) > 0) {
-  }
+  const timespec minute = {60, 0};
+  sigtimedwait(&stop, nullptr, &minute);
   nodes.clear();
-  return 0;
-}
-
-int Send(const std::string& label) {
-  kelo::TriggerSender::Options options;
-  options.ack_window_ms = 1000;
-  kelo::TriggerSender sender(options);
-  for (const kelo::TriggerSender::NodeResult& r : sender.Send(label, 0, 20000)) {
-    std::printf("result %s %d %s\n", r.node.c_str(), r.answered ? 1 : 0, r.file.c_str());
-  }
-  if (!sender.error().empty()) return std::fprintf(stderr, "%s\n", sender.error().c_str()), 1;
-  std::printf("sent\n");
   return 0;
 }
 
@@ -67,7 +54,6 @@ int Send(const std::string& label) {
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "nodes" && argc >= 3) return RunNodes(std::vector<std::string>(argv + 2, argv + argc));
-  if (mode == "send" && argc == 3) return Send(argv[2]);
-  std::fprintf(stderr, "usage: %s nodes NAME... | send LABEL\n", argv[0]);
+  std::fprintf(stderr, "usage: %s nodes NAME...\n", argv[0]);
   return 2;
 }

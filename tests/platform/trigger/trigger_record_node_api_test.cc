@@ -23,12 +23,14 @@
 #include "platform/trigger/trigger_protocol.h"
 #include "platform/trigger/trigger_sender.h"
 #include "platform/udp/udp_cast_client.h"
-#include "tests/support/peer_process.h"
+#include "tests/support/subprocess.h"
+#include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace {
 
-using testing_support::PeerProcess;
+using testing_support::Subprocess;
+using testing_support::WaitFor;
 
 const fileio::DirectoryPath kDir("/rec");
 constexpr int kWaitMs = 20000;  // generous for sanitizer builds; success ends the wait early
@@ -98,8 +100,12 @@ std::map<std::string, TriggerSender::NodeResult> ByNode(const std::vector<Trigge
 
 // A trigger reaches every process's nodes; the sender learns the last file each reported in its notice.
 TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSenderLearnsWhatEachSaved) {
-  PeerProcess peer(KELO_TRIGGER_PEER, {"nodes", "p1", "p2"});
-  ASSERT_TRUE(peer.WaitForLine("ready"));
+  testing_support::TempDir dir;
+  Subprocess peer({KELO_TRIGGER_PEER, "nodes", "p1", "p2"}, dir.file("peer"));
+  auto said = [&](const std::string& line) {
+    return WaitFor([&] { return peer.Stdout().find(line + "\n") != std::string::npos; }, kWaitMs);
+  };
+  ASSERT_TRUE(said("ready"));
   const long time_ms = WallClockMs();
   const std::string notice = TriggerNotice{time_ms, "everywhere"}.ToText();
   TriggerRecordNodeApi twice("bag_record", "l1", kDir, 0), wrong("bag_record", "l2", kDir, 0),
@@ -131,9 +137,10 @@ TEST(TriggerRecordNodeApiTest, ATriggerReachesTheNodesOfEveryProcessAndTheSender
   EXPECT_EQ(ports["p1"], ports["p2"]);
   EXPECT_EQ(ports["l1"], ports["l3"]);
   EXPECT_NE(ports["p1"], ports["l1"]);
-  ASSERT_TRUE(peer.WaitForLine("notice p1 " + notice));
-  ASSERT_TRUE(peer.WaitForLine("notice p2 " + notice));
-  EXPECT_EQ(peer.Stop(), 0);
+  EXPECT_TRUE(said("notice p1 " + notice));
+  EXPECT_TRUE(said("notice p2 " + notice));
+  peer.Signal(SIGTERM);
+  EXPECT_EQ(peer.Wait(kWaitMs), 0);
 }
 
 // Notices come no earlier than due, in due order (ties in arrival order); the sender is told when.

@@ -1,5 +1,5 @@
-#ifndef KELO_TESTS_TOOLS_SUBPROCESS_H_
-#define KELO_TESTS_TOOLS_SUBPROCESS_H_
+#ifndef KELO_TESTS_SUPPORT_SUBPROCESS_H_
+#define KELO_TESTS_SUPPORT_SUBPROCESS_H_
 
 #include <fcntl.h>
 #include <signal.h>
@@ -112,4 +112,4 @@ inline RunResult RunToEnd(const std::vector<std::string>& argv, const std::strin
 }  // namespace testing_support
 }  // namespace kelo
 
-#endif  // KELO_TESTS_TOOLS_SUBPROCESS_H_
+#endif  // KELO_TESTS_SUPPORT_SUBPROCESS_H_
