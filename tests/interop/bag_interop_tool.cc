@@ -1,21 +1,16 @@
 // The C++ half of the interoperability check with an independent MCAP implementation.
 //
-//   bag_interop_tool write <dir>             writes bags (one per compression) and, beside
-//                                            each, <bag>.expected.json with what it holds
-//   bag_interop_tool read <file> <expected>  reads a file written by the other
-//                                            implementation and compares it with the JSON
-//                                            that implementation wrote
-// Exits non-zero, saying why on stderr, when anything differs.
+//   bag_interop_tool write <dir>   writes bags (one per compression) and, beside each,
+//                                  <bag>.expected.json with what it holds
+// (Files of other writers are read by mcap_conformance_test.)
 
 #include <json/json.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "platform/bag/bag_reader.h"
 #include "platform/bag/bag_writer.h"
 
 namespace {
@@ -106,66 +101,11 @@ int Write(const std::string& dir) {
   return 0;
 }
 
-int Read(const std::string& path, const std::string& expected_path) {
-  Json::Value root;
-  std::ifstream in(expected_path);
-  std::string errors;
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) {
-    std::fprintf(stderr, "%s: %s\n", expected_path.c_str(), errors.c_str());
-    return 1;
-  }
-  struct Want {
-    std::string topic, type, data;
-    unsigned long long log_time, publish_time;
-  };
-  std::vector<Want> want;
-  for (const Json::Value& m : root["messages"]) {
-    want.push_back({m["topic"].asString(), m["type"].asString(), m["data"].asString(),
-                    std::stoull(m["log_time"].asString()), std::stoull(m["publish_time"].asString())});
-  }
-  std::stable_sort(want.begin(), want.end(),
-                   [](const Want& a, const Want& b) { return a.log_time < b.log_time; });
-  kelo::BagReader reader(path);
-  if (!reader.get_error().empty()) {
-    std::fprintf(stderr, "%s\n", reader.get_error().c_str());
-    return 1;
-  }
-  if (reader.count() != want.size()) {
-    std::fprintf(stderr, "%s: %u messages, expected %zu\n", path.c_str(), reader.count(), want.size());
-    return 1;
-  }
-  size_t i = 0;
-  for (reader.seek(0); !reader.eof(); reader.next(), ++i) {
-    auto m = reader.read();
-    const Want& w = want[i];
-    if (m->topic != w.topic || m->type != w.type || Hex(m->data) != w.data ||
-        m->time != static_cast<long>(w.log_time / 1000000) ||
-        m->record_time != static_cast<long>(w.publish_time / 1000000)) {
-      std::fprintf(stderr, "%s: message %zu differs: got %s %s at %ld\n", path.c_str(), i,
-                   m->topic.c_str(), m->type.c_str(), m->time);
-      return 1;
-    }
-  }
-  std::vector<std::string> topics;
-  for (const auto& t : reader.topics()) topics.push_back(t->name + " " + t->type);
-  std::sort(topics.begin(), topics.end());
-  std::vector<std::string> want_topics;
-  for (const Json::Value& t : root["topics"]) want_topics.push_back(t.asString());
-  std::sort(want_topics.begin(), want_topics.end());
-  if (topics != want_topics) {
-    std::fprintf(stderr, "%s: topics differ\n", path.c_str());
-    return 1;
-  }
-  std::printf("read %s: %u messages as expected\n", path.c_str(), reader.count());
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "write" && argc == 3) return Write(argv[2]);
-  if (mode == "read" && argc == 4) return Read(argv[2], argv[3]);
-  std::fprintf(stderr, "usage: %s write <dir> | read <file> <expected.json>\n", argv[0]);
+  std::fprintf(stderr, "usage: %s write <dir>\n", argv[0]);
   return 2;
 }

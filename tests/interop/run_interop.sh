@@ -1,5 +1,5 @@
 #!/bin/bash
-# Checks our bags against @mcap/core and @mcap/core's files against our reader.
+# Checks our bags with @mcap/core. (Files of other writers: mcap_conformance_test.)
 # Usage: run_interop.sh <bag_interop_tool> <work dir>
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -10,11 +10,7 @@ if [ ! -d "$here/node_modules/@mcap/core" ]; then
   exit 1
 fi
 rm -rf "$work"
-mkdir -p "$work/ours" "$work/theirs"
+mkdir -p "$work/ours"
 "$tool" write "$work/ours"
 node "$here/check_bags.mjs" "$work/ours"
-node "$here/write_reference.mjs" "$work/theirs"
-for file in "$work"/theirs/*.mcap; do
-  "$tool" read "$file" "$file.expected.json"
-done
 echo "interop: all checks passed"
