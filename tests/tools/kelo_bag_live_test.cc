@@ -2,10 +2,8 @@
 // LCM publisher, the recorder, the monitor, playback onto the bus and triggers.
 
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <chrono>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,7 +20,6 @@
 #include "platform/bag/bag_writer.h"
 #include "platform/fileio/file_path.h"
 #include "tests/support/bag_files.h"
-#include "tests/support/mounts.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/subprocess.h"
 #include "tools/kelo_bag/files.h"
@@ -38,7 +35,6 @@ using testing::StartsWith;
 using testing_support::ReadAll;
 using testing_support::RunResult;
 using testing_support::RunToEnd;
-using testing_support::ScopedMount;
 using testing_support::Subprocess;
 using testing_support::TempDir;
 using testing_support::WaitFor;
@@ -216,47 +212,6 @@ TEST(KeloBagLiveTest, PlayPublishesBagsMergedInTimeOrderAndRemapped) {
     ASSERT_EQ(traffic[i].channel == "/imu" ? "/imu/replayed" : traffic[i].channel, got[i].topic) << i;
     ASSERT_TRUE(traffic[i].payload == got[i].data) << "message " << i;
   }
-}
-
-// A folder that cannot be written is refused at once; a disk that fills up loses what it
-// must, counts it, and says so last, with a non-zero exit.
-TEST(KeloBagLiveTest, RecordRefusesAnUnwritableFolderAndTellsWhatAFullDiskLost) {
-  TempDir dir;
-  const std::string locked = dir.file("locked"), small = dir.file("small");
-  ASSERT_EQ(0, ::mkdir(locked.c_str(), 0755));
-  ASSERT_EQ(0, ::mkdir(small.c_str(), 0755));
-  ScopedMount read_only = ScopedMount::ReadOnly(locked);
-  const RunResult refused = RunToEnd({kKeloBag, "record", "-a", "-o", locked + "/"}, dir.file("locked"));
-  EXPECT_EQ(1, refused.code);
-  EXPECT_EQ("record: cannot write in " + locked + ": Read-only file system; nothing recorded\n", refused.err);
-  EXPECT_EQ("", refused.out);
-
-  ScopedMount disk = ScopedMount::SmallDisk(small, 8 << 20);
-  Subprocess record({kKeloBag, "record", "-o", small + "/", "-n", "full_node", "BIG"}, dir.file("record"));
-  ASSERT_TRUE(WaitFor([&] { return record.Stdout().find("recording 1 topic") != std::string::npos; }, 20000))
-      << record.Stderr();
-  const RunResult publish =
-      RunToEnd({KELO_LCM_PUBLISH, cli::BusUrl(""), "BIG", "1500", "10000", "1000"}, dir.file("publish"));
-  ASSERT_EQ(0, publish.code) << publish.err;
-  EXPECT_THAT(WaitForRecorder(dir, "full_node", 1500)["problems"].asString(), HasSubstr("disk full"));
-  record.Signal(SIGINT);
-  EXPECT_EQ(1, record.Wait(60000)) << record.Stdout() << record.Stderr();
-  const std::string said = record.Stdout();
-  const size_t at = said.rfind("received 1500 messages");
-  ASSERT_NE(std::string::npos, at) << said;
-  unsigned long long lost = 0;
-  ASSERT_EQ(1, std::sscanf(said.c_str() + at, "received 1500 messages (%*[^)]); %llu of them lost", &lost))
-      << said.substr(at);
-  EXPECT_THAT(said, EndsWith("lost: " + std::to_string(lost) + " disk full\n"));
-  // What the files hold and what they say was lost make up everything published.
-  uint64_t kept = 0, lost_in_files = 0;
-  for (const std::string& bag : cli::ListBags(small)) {
-    kept += ReadAll(bag).size();
-    lost_in_files += testing_support::LossesIn(bag).total();
-  }
-  EXPECT_EQ(1500u, kept + lost);
-  EXPECT_EQ(lost, lost_in_files);
-  for (const std::string& name : testing_support::ListDir(small)) EXPECT_THAT(name, EndsWith(".kelobag"));
 }
 
 }  // namespace
