@@ -42,30 +42,6 @@ TEST(ToolsModuleOutputTest, TextReachesConsoleAndSinkWhole) {
   }
 }
 
-// Catches cached text sent piecemeal or twice, and a cache emptied only after the sink ran.
-TEST(ToolsModuleOutputTest, CacheIsSentAsOneBlockAndEmptiedBeforeTheSinkRuns) {
-  Output out;
-  std::vector<std::string> sink;
-  out.set_output_string_func([&](const std::string& text) {
-    sink.push_back(text);
-    if (sink.size() == 3) out.cache_message("next", false);
-  });
-  testing::internal::CaptureStdout();
-  out.cache_messagel("a", false);
-  out.cache_message("b", false);
-  out.cache_messagel("c", true);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "c\n");
-  EXPECT_TRUE(sink.empty());
-  out.fflush_message();
-  out.cache_message("lost", false);
-  out.clear_message_cache();
-  out.fflush_message();
-  out.cache_message("first", false);
-  out.fflush_message();
-  out.fflush_message();
-  EXPECT_EQ(sink, (std::vector<std::string>{"a\nbc\n", "", "first", "next"}));
-}
-
 // Catches a deadlock when the sink prints, and texts torn or lost across threads.
 TEST(ToolsModuleOutputTest, ConcurrentAndReentrantPrintingKeepsEveryTextWhole) {
   Output out;

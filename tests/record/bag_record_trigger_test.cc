@@ -1,12 +1,8 @@
-#include <unistd.h>
 #include <utime.h>
 
-#include <atomic>
 #include <fstream>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -123,25 +119,6 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
   std::vector<std::string> names = dir.List();
   EXPECT_EQ(std::count(names.begin(), names.end(), "drive_20200101000003-1.kelobag"), 1);
   EXPECT_EQ(names.size(), 1u + 5u + 1u) << "the newest own bag, the others' files and the new bag";
-}
-
-// Catches, under the sanitizers, a writer freed while a notice is still being handled.
-TEST(BagRecordTriggerTest, DestructionWaitsForANoticeInProgress) {
-  TempDir dir;
-  BagRecordOpt opt;
-  Load(&opt, dir.file("drive"), {"--reserve", "1", "--duration", "1"});
-  std::atomic<bool> saving{false};
-  auto writer = std::make_unique<BagRecordTrigger>(opt, fileio::FilePath(opt.output));
-  writer->set_on_save([&](const std::string&) {
-    saving = true;
-    usleep(300000);
-  });
-  long now = WallClockMs();
-  for (long t = now - 900; t <= now; t += 10) writer->save_message(At(t));
-  std::thread sender([now] { TriggerSender().Send("late", now, 5000); });
-  while (!saving) usleep(1000);
-  writer.reset();  // waits for the callback above to return
-  sender.join();
 }
 
 }  // namespace
