@@ -1,6 +1,7 @@
 // The kelo_bag command's face without a bus: help, bad command lines, info and plain
 // playback of files.
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@
 namespace kelo {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using testing_support::ReadFile;
@@ -153,6 +155,7 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
     EXPECT_THAT(text.out, HasSubstr(want)) << want;
   }
   EXPECT_THAT(text.out, HasSubstr("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n"));
+  EXPECT_THAT(text.out, ContainsRegex("start: +20[0-9-]{8} [0-9:]{8}\\.000 \\(1700000000000 ms\\)"));
 
   // Read from the summary or from every message, a sound bag is described alike.
   const RunResult verified = KeloBag(dir, {"info", "--verify", first, dir.file("junk.kelobag"), second});
@@ -256,6 +259,12 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   const RunResult chosen = KeloBag(dir, {"play", "--topics", "/[ab]", "--exclude", "/b", second});
   EXPECT_THAT(chosen.out, HasSubstr("played 11 messages")) << chosen.err;
   EXPECT_EQ(2, KeloBag(dir, {"play", "--exclude", ".*", second}).code);
+  // Ctrl-C ends playback at once, with the exit code of a process the signal ended.
+  testing_support::Subprocess interrupted({kKeloBag, "play", WriteBag(dir, "long", 0, 60)}, dir.file("long"));
+  ASSERT_TRUE(testing_support::WaitFor([&] { return interrupted.Stdout().find("[RUNNING]") != std::string::npos; },
+                                       20000));
+  interrupted.Signal(SIGINT);
+  EXPECT_EQ(128 + SIGINT, interrupted.Wait(20000));
   const RunResult nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
   EXPECT_EQ(2, nothing.code);
   EXPECT_THAT(nothing.err, HasSubstr("nothing to play"));
@@ -320,6 +329,7 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_EQ(1700000001000, filtered.front().time);
   EXPECT_EQ(1700000002000, filtered.back().time);
   EXPECT_EQ("lcm:0x00000000000000aa", filtered.back().type);
+  EXPECT_EQ(1u, BagReader(dir.file("f.kelobag")).topics().size()) << "only the chosen topic is declared";
   EXPECT_EQ(2, KeloBag(dir, {"filter", "-o", dir.file("f.kelobag"), first}).code);  // never overwritten
 
   EXPECT_EQ(0, KeloBag(dir, {"merge", "-o", dir.file("m.kelobag"), second, first}).code);
