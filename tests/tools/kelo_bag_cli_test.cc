@@ -1,13 +1,17 @@
 // The kelo_bag command's face without a bus: help, bad command lines, info and plain
 // playback of files.
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -268,6 +272,44 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   const RunResult nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
   EXPECT_EQ(2, nothing.code);
   EXPECT_THAT(nothing.err, HasSubstr("nothing to play"));
+}
+
+// On a terminal, --paused waits for a key, and q quits at once.
+TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
+  TempDir dir;
+  std::vector<std::string> args = {kKeloBag, "play", "--paused", WriteBag(dir, "keys", 0, 60)};
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  const std::string terminal = ptsname(master);
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setsid();
+    const int fd = open(terminal.c_str(), O_RDWR);  // the session's controlling terminal
+    for (int to : {0, 1, 2}) dup2(fd, to);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  std::string screen;
+  int status = -1;
+  auto until = [&](const std::function<bool()>& done) {  // reads the screen meanwhile: the player never blocks
+    return testing_support::WaitFor([&] {
+      char bytes[4096];
+      pollfd fd = {master, POLLIN, 0};
+      for (ssize_t n; poll(&fd, 1, 0) > 0 && (n = read(master, bytes, sizeof(bytes))) > 0;) screen.append(bytes, n);
+      return done();
+    }, 20000);
+  };
+  EXPECT_TRUE(until([&] { return screen.find("[PAUSED ]  Bag Time: 1700000000000 ") != std::string::npos; }))
+      << screen;
+  ASSERT_EQ(1, write(master, "q", 1));
+  EXPECT_TRUE(until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) << screen;
+  if (status == -1) kill(pid, SIGKILL), waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_THAT(screen, HasSubstr("quit"));
+  close(master);
 }
 
 // A bus that fails (here a log file that ends) stops the recording with a line that says so
