@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -95,27 +94,6 @@ TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
   EXPECT_EQ(raw.data, big) << "no port after ClearPorts";
   EXPECT_EQ(types, "T;demo.Raw;demo.Raw;demo.Raw;") << "the callback still gets every message, with its type";
   play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
-}
-
-// A bag that cannot be read prints its error once (console and sink); the others still play.
-TEST(BagPlayTest, UnreadableBagPrintsItsErrorOnceAndTheOthersPlay) {
-  TempDir dir;
-  const std::string missing = dir.file("missing.kelobag"), garbage = dir.file("garbage.kelobag");
-  std::ofstream(garbage) << "this is not a bag at all";
-  const std::string good = WriteBag(dir, "good", At("/t", {1000, 1001}));
-  const std::string missing_error = BagReader(missing).get_error(), garbage_error = BagReader(garbage).get_error();
-  BagPlay play;
-  std::vector<std::string> sink;
-  play.output()->set_output_string_func([&sink](const std::string& text) { sink.push_back(text); });
-  testing::internal::CaptureStdout();
-  play.ReadBags({missing, good, garbage});
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), missing_error + "\n" + garbage_error + "\n");
-  PlaybackLog log;
-  log.Attach(&play);
-  ASSERT_TRUE(play.ControlPlay(0, 0));
-  StepToStop(&play);
-  EXPECT_THAT(log.times(), ElementsAre(1000, 1001));
-  EXPECT_THAT(sink, ElementsAre(missing_error, garbage_error, testing::_, "topic:", "  /t\n", "stop"));
 }
 
 // No batch comes before its due time, and a pause shifts every later batch by its length.
