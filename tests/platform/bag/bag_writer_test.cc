@@ -1,10 +1,13 @@
 #include "platform/bag/bag_writer.h"
 
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -12,7 +15,6 @@
 #include "platform/bag/mcap_crc32.h"
 #include "platform/bag/mcap_records.h"
 #include "tests/support/bag_files.h"
-#include "tests/support/mounts.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
@@ -20,6 +22,23 @@ namespace {
 
 using namespace testing_support;  // NOLINT
 using testing::HasSubstr;
+
+// A tmpfs of `bytes` at `dir` (which must exist) for the object's life: a disk that fills up.
+// Needs the private mount namespace that tests/run_in_netns.sh gives the test.
+class SmallDisk {
+ public:
+  SmallDisk(const std::string& dir, size_t bytes)
+      : dir_(dir), mounted_(::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + std::to_string(bytes)).c_str()) == 0) {
+    EXPECT_TRUE(mounted_) << "cannot mount at " << dir << ": " << std::strerror(errno);
+  }
+  ~SmallDisk() {
+    if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+  }
+
+ private:
+  const std::string dir_;
+  const bool mounted_;
+};
 
 // Polls (1 ms steps, at most 10 s) until `done` holds.
 template <typename Done>
@@ -90,7 +109,7 @@ TEST(BagWriterTest, MessagesOfManyThreadsLandOnceAcrossPartsSplitWhileTheyArrive
 // Catches a full disk losing more than it must, losses uncounted (writer and bags), or no resume.
 TEST(BagWriterTest, AFullDiskLosesOnlyWhatItMustCountsItAndWritingResumes) {
   TempDir dir;
-  auto disk = ScopedMount::SmallDisk(dir.path(), 4 << 20);
+  SmallDisk disk(dir.path(), 4 << 20);
   WriteFile(dir.file("filler"), std::string(1 << 20, 'f'));
   BagWriterOptions options;
   options.chunk_size = 64 * 1024;
