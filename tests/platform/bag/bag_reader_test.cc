@@ -17,9 +17,6 @@ namespace {
 
 using namespace testing_support;  // NOLINT
 
-// Time order across overlapping chunks, with ties in write order, is checked on the conformance corpus and
-// on the interop test's files; what our writer stores, by the interop test's reader.
-
 BagMessage Message(const std::string& topic, long time, const std::string& type, const std::string& data) {
   return BagMessage{topic, time, type, data, time + 7};
 }
@@ -137,6 +134,22 @@ TEST(BagReaderTest, ThreeTopicsTakingTurnsInOneChunkComeBackInOrderAndQuietTopic
   for (const auto& t : reader.topics()) topics.push_back(t->name);
   EXPECT_NE(std::find(topics.begin(), topics.end(), "/quiet"), topics.end());
   EXPECT_NE(std::find(topics.begin(), topics.end(), "/late"), topics.end());
+}
+
+// Catches time order lost across chunks that overlap in time, and ties taken out of write order.
+TEST(BagReaderTest, GivesMessagesInTimeOrderAcrossOverlappingChunksWithTiesInWriteOrder) {
+  TempDir dir;
+  std::vector<BagMessage> written;
+  for (long t : {30, 10, 20, 50, 20, 10, 40, 20}) {
+    written.push_back(Message("/t" + std::to_string(written.size() % 3), t, "T", std::to_string(written.size())));
+  }
+  std::vector<BagMessage> expected = written;
+  std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+  for (size_t chunk : {size_t{1}, size_t{1} << 20}) {  // a chunk a message, and one for all
+    BagReader reader(WriteBag(dir.file("order" + std::to_string(chunk) + ".kelobag"), written, BagCompression::kZstd,
+                              chunk));
+    EXPECT_EQ(Describe(expected), ReadEverything(&reader)) << chunk;
+  }
 }
 
 TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
