@@ -81,6 +81,11 @@ for (const name of names) {
     for (const [id, count] of stats.channelMessageCounts) {
       check((perChannel.get(id) ?? 0n) === count, `${name}: messages of channel ${id}`);
     }
+    // Readers choose chunks for a time range by their index's times.
+    for (const c of reader.chunkIndexes) {
+      check(c.messageStartTime >= stats.messageStartTime && c.messageStartTime <= c.messageEndTime &&
+            c.messageEndTime <= stats.messageEndTime, `${name}: chunk at ${c.chunkStartOffset}: its times`);
+    }
     const compressions = new Set(reader.chunkIndexes.map((c) => c.compression));
     const wantCompression = { zstd: "zstd", lz4: "lz4", none: "" }[expected.compression];
     check(compressions.has(wantCompression), `${name}: chunks use ${wantCompression}`);

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <json/value.h>
+#include <lcm/eventlog.h>
 
 #include "platform/bag/bag_message.h"
 #include "platform/bag/bag_writer.h"
@@ -128,6 +129,17 @@ TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesT
   const RunResult unanswered = RunToEnd({kKeloBag, "trigger"}, dir.file("trigger"));
   EXPECT_EQ(1, unanswered.code) << unanswered.err;
   EXPECT_THAT(unanswered.out, HasSubstr("no trigger-mode recorder answered"));
+  // A bus that fails (an LCM log file that ends) stops a trigger-mode recording too, and says so.
+  lcm_eventlog_t* log = lcm_eventlog_create(dir.file("bus.lcmlog").c_str(), "w");
+  char channel[] = "/seq", data[] = "payload!";
+  lcm_eventlog_event_t event{0, 1700000000000000L, 4, 8, channel, data};
+  ASSERT_TRUE(log != nullptr && lcm_eventlog_write_event(log, &event) == 0);
+  lcm_eventlog_destroy(log);
+  const std::string ended_bus = "file://" + dir.file("bus.lcmlog") + "?mode=r&speed=0";
+  const RunResult ended = RunToEnd(
+      {kKeloBag, "record", "--trigger", "-a", "--url", ended_bus, "-o", dir.file("ended") + "/"}, dir.file("ended"));
+  EXPECT_EQ(1, ended.code);
+  EXPECT_EQ("record: the LCM bus failed; stopping\n", ended.err);
 
   const std::string rec_dir = dir.file("rec"), trig_dir = dir.file("trig");
   Subprocess record({kKeloBag, "record", "-a", "-o", rec_dir + "/", "-s", "1", "-n", "live_node"},
@@ -158,7 +170,9 @@ TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesT
   EXPECT_EQ("trigger", cached["mode"].asString());
   EXPECT_GT(cached["record_time_s"].asDouble(), 0.0);
   EXPECT_GT(cached["total_bytes"].asUInt64(), 0u);
-  for (const Json::Value& topic : cached["topics"]) EXPECT_GT(topic["total_bytes"].asUInt64(), 0u) << topic["topic"].asString();
+  for (const Json::Value& topic : cached["topics"]) {
+    EXPECT_GT(topic["total_bytes"].asUInt64(), 0u) << topic["topic"].asString();
+  }
 
   const RunResult trigger = RunToEnd({kKeloBag, "trigger", "--label", "brake"}, dir.file("trigger"));
   ASSERT_EQ(0, trigger.code) << trigger.out << trigger.err;
