@@ -1,3 +1,7 @@
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -10,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include "output/tools_module_output.h"
+#include "tests/support/bag_files.h"
+#include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace {
@@ -40,6 +46,24 @@ TEST(ToolsModuleOutputTest, TextReachesConsoleAndSinkWhole) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), c.console);
     EXPECT_EQ(sink, std::vector<std::string>{c.sink});
   }
+}
+
+// Catches a line left in the process's buffer: once printed with its line end it is out, even
+// when the console is a file and the process ends at once after it (a recorder killed).
+TEST(ToolsModuleOutputTest, ALinePrintedIsOutEvenIfTheProcessEndsAtOnce) {
+  testing_support::TempDir dir;
+  const int file = open(dir.file("console").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(file, 0);
+  std::fflush(stdout);  // nothing of this process's own goes to the child's console
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(file, STDOUT_FILENO);
+    Output().print_messagel("kept", true);
+    _exit(0);
+  }
+  close(file);
+  ASSERT_EQ(child, waitpid(child, nullptr, 0));
+  EXPECT_EQ("kept\n", testing_support::ReadFile(dir.file("console")));
 }
 
 // Catches a deadlock when the sink prints, and texts torn or lost across threads.
