@@ -257,7 +257,7 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
     inside = inside || (time > 1700000002000 && time < 1700000004000);
   }
   EXPECT_TRUE(inside) << run.out;
-  EXPECT_LE(lines, 5) << run.out;  // of 19 batches
+  EXPECT_LE(lines, static_cast<int>(took) + 2) << run.out;  // a line a second and the last, of 19 batches
 
   // Topics are chosen by whole-name regular expressions: /a's 11 messages, not /b's 3 or /c's 2.
   const RunResult chosen = KeloBag(dir, {"play", "--topics", "/[ab]", "--exclude", "/b", second});

@@ -69,8 +69,9 @@ TEST(UdpCastClientTest, OnlyAnswersToThisVeryQueryUnderTheReplyKeyAreCollected) 
   const std::vector<Reply> replies = client.query(kGroup, 28103, "ask", "fast", "ask_recv", 2000);
   ASSERT_EQ(replies.size(), 1u);
   EXPECT_EQ(replies[0].body, "fast");
-  // Three copies of each question: 9 late answers to "slow", 6 that are no answers to "fast".
-  EXPECT_EQ(client.stats().unhandled_messages, 15u);
+  // At least the two datagrams the server sent before its answer to "fast" were seen and dropped
+  // (how many of the late answers to "slow" and of the other copies' come in time depends on the load).
+  EXPECT_GE(client.stats().unhandled_messages, 2u);
   EXPECT_EQ(client.error(), "");
 }
 
@@ -85,6 +86,11 @@ TEST(UdpCastClientTest, AQuestionLostOnTheWayIsAskedAgainAndEachMemberAnswersOnc
   UdpCastClient client;
   EXPECT_EQ(client.query(kGroup, 28109, "ask", "", "ask_recv", 900).size(), 1u);
   EXPECT_EQ(asked.load(), 3);
+  // A wait too short to spread copies over asks once.
+  client.query(kGroup, 28109, "ask", "", "ask_recv", 2);
+  while (asked.load() < 4) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(asked.load(), 4);
 }
 
 // Catches bad addresses, ports, interfaces or bodies sent anyway or failing silently.
