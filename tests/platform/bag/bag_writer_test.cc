@@ -74,6 +74,12 @@ TEST(BagWriterTest, NamesEachPartAfterItsIndexAndNeverReplacesAFileThatExistsOrA
   EXPECT_EQ(base + "_1-3.kelobag", writer.close());
   EXPECT_EQ("a b c ", Datas(base + "_0.kelobag") + Datas(base + "_1-2.kelobag") + Datas(base + "_1-3.kelobag"));
   EXPECT_EQ("precious", ReadFile(base + "_1.kelobag"));
+  // A name of the caller's own keeps its extension, or has none.
+  for (const std::string& name : {dir.file("other.mcap"), dir.file("plain")}) {
+    BagWriter own(fileio::FilePath(name + ".active"));
+    own.append_message(1, 1, "/imu", "d", "kelo.Imu");
+    EXPECT_EQ(name, own.close());
+  }
   EXPECT_EQ("appeared", ReadFile(base + "_1-1.kelobag"));
 }
 
