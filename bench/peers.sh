@@ -51,15 +51,23 @@ trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 ours_count() { "$kb" info "$1"/*.kelobag | sed -n 's/^messages: *\([0-9]*\).*/\1/p' | tail -1; }
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b == 0) print "-"; else printf "%.2f", a / b }'; }
+# record_both DIR CHANNEL COUNT SIZE RATE: both recorders on the bus at once, ours into
+# DIR/ours/, lcm-logger into DIR/peer.lcmlog, while lcm_publish sends the traffic.
+record_both() {
+  local d=$1 channel=$2 ours peer
+  shift 2
+  mkdir -p "$d/ours"
+  "$kb" record -o "$d/ours/" "$channel" > "$d/ours.log" 2>&1 & ours=$!
+  LCM_DEFAULT_URL=$peer_bus lcm-logger -c "$channel" "$d/peer.lcmlog" > /dev/null 2>&1 & peer=$!
+  sleep 1
+  "$publish" "$bus" "$channel" "$@"
+  sleep 1; kill -INT $ours $peer; wait $ours || true; wait $peer || true
+}
 
 for run in $(seq "$runs"); do
   # Raw payloads: both recorders at once.
-  d=$work/raw$run; mkdir -p "$d/ours"
-  "$kb" record -o "$d/ours/" /raw > "$d/ours.log" 2>&1 & ours=$!
-  LCM_DEFAULT_URL=$peer_bus lcm-logger -c '/raw' "$d/peer.lcmlog" > /dev/null 2>&1 & peer=$!
-  sleep 1
-  "$publish" "$bus" /raw 100000 100 10000
-  sleep 1; kill -INT $ours $peer; wait $ours || true; wait $peer || true
+  d=$work/raw$run
+  record_both "$d" /raw 100000 100 10000
   o=$(ours_count "$d/ours"); p=$("$count" "$d/peer.lcmlog" /raw | cut -d' ' -f1)
   topics=$("$kb" info "$d"/ours/*.kelobag | sed -n 's/^topics: *\([0-9]*\).*/\1/p' | tail -1)
   echo "run $run raw 10k msg/s: ours $o of 100000 ($topics bag channels), lcm-logger $p; ratio $(ratio "$o" "$p")"
@@ -80,12 +88,8 @@ for run in $(seq "$runs"); do
   echo "run $run 1 MB at 50 msg/s: ours $ours_n of 300, $per_ours ms CPU each; lcm-logger $peer_n, $per_peer ms each; CPU ratio $(ratio "$per_ours" "$per_peer")"
 
   # Playback pacing: each player plays what it recorded, the probe listening.
-  d=$work/pace$run; mkdir -p "$d/ours"
-  "$kb" record -o "$d/ours/" /pace > "$d/ours.log" 2>&1 & ours=$!
-  LCM_DEFAULT_URL=$peer_bus lcm-logger -c '/pace' "$d/peer.lcmlog" > /dev/null 2>&1 & peer=$!
-  sleep 1
-  "$publish" "$bus" /pace 5000 100 1000
-  sleep 1; kill -INT $ours $peer; wait $ours || true; wait $peer || true
+  d=$work/pace$run
+  record_both "$d" /pace 5000 100 1000
   for who in ours peer; do
     if [ $who = ours ]; then file=$(ls "$d"/ours/*.kelobag); n=$(ours_count "$d/ours")
     else file=$d/peer.lcmlog; n=$("$count" "$file" /pace | cut -d' ' -f1); fi
