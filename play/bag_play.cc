@@ -155,14 +155,18 @@ int BagPlay::NotifyTimeline() {
   return kPlayed;
 }
 
-bool BagPlay::ControlPlay(int start, int duration) {
+bool BagPlay::ControlPlay(int start, int duration) { return Start(start, duration, true); }
+
+bool BagPlay::ControlSeek(int start, int duration) { return Start(start, duration, false); }
+
+bool BagPlay::Start(int start, int duration, bool print_view) {
   KeloThreadLocker hold(lock_);
   if (!paused_) return false;
   view_->set_time(start, duration);
   Reset();
   paused_ = false;
   playing_ = true;
-  PrintView();
+  if (print_view) PrintView();
   return true;
 }
 

@@ -113,6 +113,8 @@ class BagPlay {
   // message, restarts the clock, prints the summary and runs. Returns whether it acted.
   // To seek while running, pause first.
   bool ControlPlay(int start, int duration);
+  // ControlPlay without printing the summary: a seek of a player whose summary is shown.
+  bool ControlSeek(int start, int duration);
   // Pauses or resumes; the time spent paused is cut out of the playback clock, so
   // playback resumes where it stopped. Returns whether the state changed.
   bool ControlPause(bool pause);
@@ -146,6 +148,7 @@ class BagPlay {
 
  private:
   void PrintConsoleTimeline(bool paused, long bag_time, double elapsed_s, double duration_s);
+  bool Start(int start, int duration, bool print_view);
 
   std::list<BagReader*> readers_;
   BagView* view_;
@@ -158,7 +161,13 @@ class BagPlay {
   int64_t play_time_;      // bag ms of the batch last waited for
   int64_t now_wall_ms_;    // wall ms read by the last Sleep()
   KeloThreadSpin* lock_;
+
+ protected:
+  // The library itself never changes it; a tool may scale playback in a subclass, before
+  // playback starts.
   double rate_;
+
+ private:
   bool paused_;
   bool loop_;
   bool single_;

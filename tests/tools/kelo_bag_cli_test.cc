@@ -116,6 +116,8 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"play", "--start", "-1", "a.kelobag"},
       {"play", "--duration", "x", "a.kelobag"},
       {"play", "--duration", "-2", "a.kelobag"},
+      {"play", "--rate", "0.05", "a.kelobag"},
+      {"play", "--rate", "2x", "a.kelobag"},
       {"play", "--topics", "(", "a.kelobag"},
       {"play", "--remap", "/a:=/b", "a.kelobag"},
       {"play", "--publish", "--remap", "/a", "a.kelobag"},
@@ -259,8 +261,11 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   EXPECT_TRUE(inside) << run.out;
   EXPECT_LE(lines, static_cast<int>(took) + 2) << run.out;  // a line a second and the last, of 19 batches
 
-  // Topics are chosen by whole-name regular expressions: /a's 11 messages, not /b's 3 or /c's 2.
-  const RunResult chosen = KeloBag(dir, {"play", "--topics", "/[ab]", "--exclude", "/b", second});
+  // Topics are chosen by whole-name regular expressions: /a's 11 messages, not /b's 3 or /c's 2;
+  // at half the pace, the bag's second takes two.
+  const auto slow = std::chrono::steady_clock::now();
+  const RunResult chosen = KeloBag(dir, {"play", "--rate", "0.5", "--topics", "/[ab]", "--exclude", "/b", second});
+  EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - slow).count(), 2.0);
   EXPECT_THAT(chosen.out, HasSubstr("played 11 messages")) << chosen.err;
   EXPECT_EQ(2, KeloBag(dir, {"play", "--exclude", ".*", second}).code);
   // Ctrl-C ends playback at once, with the exit code of a process the signal ended.
@@ -274,7 +279,7 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   EXPECT_THAT(nothing.err, HasSubstr("nothing to play"));
 }
 
-// On a terminal, --paused waits for a key, and q quits at once.
+// On a terminal, --paused waits for a key, an arrow seeks, and q quits at once.
 TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   TempDir dir;
   std::vector<std::string> args = {kKeloBag, "play", "--paused", WriteBag(dir, "keys", 0, 60)};
@@ -304,6 +309,11 @@ TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   };
   EXPECT_TRUE(until([&] { return screen.find("[PAUSED ]  Bag Time: 1700000000000 ") != std::string::npos; }))
       << screen;
+  // A seek moves the timeline and keeps the pause; the summary is not printed again.
+  ASSERT_EQ(3, write(master, "\x1b[C", 3));
+  EXPECT_TRUE(until([&] { return screen.find("[PAUSED ]  Bag Time: 1700000005000 ") != std::string::npos; }))
+      << screen;
+  EXPECT_EQ(screen.find("topic:"), screen.rfind("topic:")) << screen;
   ASSERT_EQ(1, write(master, "q", 1));
   EXPECT_TRUE(until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) << screen;
   if (status == -1) kill(pid, SIGKILL), waitpid(pid, &status, 0);

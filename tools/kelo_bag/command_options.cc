@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/fileio/file_extension.h"
 #include "tools/kelo_bag/commands.h"
@@ -66,6 +67,8 @@ PlayOpt::PlayOpt()
 
 void PlayOpt::register_opts() {
   RegisterRangeOptions(this);
+  register_opt("rate", "play this many times as fast as recorded, from 0.1 to 100 (default 1)", "factor",
+               OptionInfo::kString);
   register_opt("loop", "play the range again and again", "", OptionInfo::kFlag);
   register_opt("paused", "start paused; space in the terminal starts playback", "", OptionInfo::kFlag);
   register_opt("publish", "put every message back on the LCM bus under its topic", "", OptionInfo::kFlag);
@@ -83,6 +86,10 @@ void PlayOpt::load_opts() {
   loop = get_bool("loop");
   topics = get_list("topics");
   exclude = get_list("exclude");
+  const std::string rate_text = get_string("rate", "1");
+  char* end = nullptr;
+  rate = std::strtod(rate_text.c_str(), &end);
+  if (rate_text.empty() || *end != '\0') rate = 0;
   paused = get_bool("paused");
   publish = get_bool("publish");
   remap.clear();
@@ -97,6 +104,7 @@ std::string PlayOpt::Check() const {
   if (files.empty()) return "give at least one bag file";
   if (start < 0) return "--start must not be negative";
   if (duration < 0) return "--duration must not be negative";
+  if (!(rate >= 0.1 && rate <= 100)) return "--rate takes a number from 0.1 to 100";
   const std::string wrong = TopicSelection().Set({}, topics, exclude);
   if (!wrong.empty()) return wrong;
   for (const auto& [from, to] : remap) {

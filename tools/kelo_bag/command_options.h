@@ -24,7 +24,7 @@ bool ParseCommandLine(ToolsOptions* opt, int argc, const char* const* argv, int*
 // keeps them as a set), each once.
 std::vector<std::string> PositionalsAsGiven(const ToolsOptions& opt, int argc, const char* const* argv);
 
-// kelo_bag play FILE... [--start S] [--duration D] [--loop] [--topics T,...] [--publish]
+// kelo_bag play FILE... [--start S] [--duration D] [--rate R] [--loop] [--topics T,...] [--publish]
 class PlayOpt : public ToolsOptions {
  public:
   PlayOpt();
@@ -38,6 +38,7 @@ class PlayOpt : public ToolsOptions {
   bool loop = false;
   std::set<std::string> topics;   // regular expressions; empty: every topic
   std::set<std::string> exclude;  // regular expressions
+  double rate = 1.0;              // times as fast as recorded; 0 when not a number
   bool paused = false;
   bool publish = false;
   std::map<std::string, std::string> remap;  // topic -> topic published under

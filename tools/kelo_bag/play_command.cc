@@ -135,6 +135,15 @@ class KeyReader {
   std::thread thread_;
 };
 
+// A player at `speed` times the recorded pace.
+class ScaledPlay : public BagPlay {
+ public:
+  ScaledPlay(const std::vector<std::string>& files, double speed)
+      : BagPlay(std::list<std::string>(files.begin(), files.end())) {
+    rate_ = 1.0 / speed;
+  }
+};
+
 int64_t WallClockUs() {
   timeval tv;
   gettimeofday(&tv, nullptr);
@@ -184,7 +193,7 @@ int RunPlay(int argc, const char* const* argv) {
   bool partial = sources.partial();
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the player, which reports to it
   // The player itself says what it kept of a recovered bag as it opens it.
-  BagPlay play(std::list<std::string>(sources.files().begin(), sources.files().end()));
+  ScaledPlay play(sources.files(), opt.rate);
   // The player's filter takes names: the patterns are resolved against the bags' topics.
   if (selected.size() < sources.topics().size()) play.SetFilterTopics(selected);
   uint64_t delivered = 0;
@@ -197,12 +206,12 @@ int RunPlay(int argc, const char* const* argv) {
         if (!bus->Publish(renamed == opt.remap.end() ? topic : renamed->second, data)) ++publish_failures;
       });
   PlayControl control(&play, begin_ms, opt.start, opt.duration);
-  // On a terminal the timeline is a status line, which the player's other texts (the
-  // summary printed after a seek, "stop") scroll above; elsewhere a line a second.
+  // On a terminal the timeline is a status line, which the player's other texts ("stop",
+  // "no message") scroll above; elsewhere a line a second.
   ToolsModuleOutput* output = play.output();
   if (status.terminal())
     output->set_output_string_func([&status](const std::string& text) { status.AfterText(text); });
-  TimelineDisplay timeline(&status, &control, begin_ms + opt.start * 1000L);
+  TimelineDisplay timeline(&status, &control, begin_ms + opt.start * 1000L, opt.rate);
   play.SetTimelineInfoCallback([&timeline](bool paused, long bag_time, double elapsed_s, double duration_s) {
     timeline.Report(paused, bag_time, elapsed_s, duration_s);
   });

@@ -78,7 +78,7 @@ bool PlayControl::Seek(int delta_s) {
   std::lock_guard<std::mutex> no_step(step_mutex_);
   seeking_.store(false);
   const bool was_paused = !play_->ControlPause(true);
-  if (!play_->ControlPlay(target, duration_s_ > 0 ? start_s_ + duration_s_ - target : 0)) return false;
+  if (!play_->ControlSeek(target, duration_s_ > 0 ? start_s_ + duration_s_ - target : 0)) return false;
   if (was_paused) play_->ControlPause(true);
   std::lock_guard<std::mutex> hold(mutex_);
   origin_s_ = target;

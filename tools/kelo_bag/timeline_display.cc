@@ -15,8 +15,12 @@ constexpr auto kLineEvery = std::chrono::seconds(1);  // off a terminal
 
 }  // namespace
 
-TimelineDisplay::TimelineDisplay(StatusLine* status, PlayControl* control, long range_start_ms)
-    : status_(status), control_(control), range_start_ms_(range_start_ms), ticker_([this] { Run(); }) {}
+TimelineDisplay::TimelineDisplay(StatusLine* status, PlayControl* control, long range_start_ms, double speed)
+    : status_(status),
+      control_(control),
+      range_start_ms_(range_start_ms),
+      speed_(speed),
+      ticker_([this] { Run(); }) {}
 
 TimelineDisplay::~TimelineDisplay() {
   {
@@ -66,7 +70,8 @@ void TimelineDisplay::ShowLocked(Clock::time_point now) {
   if (!paused_) {
     // The player waits for the next message: playback stands that much further.
     const long end = range_start_ms_ + static_cast<long>(duration_s_ * 1000);
-    const long passed = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(now - reported_at_).count());
+    const long passed = static_cast<long>(
+        speed_ * static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(now - reported_at_).count()));
     bag_time = std::max(bag_time, std::min(bag_time + passed, end));
   }
   const double elapsed_s = std::max(0.0, (bag_time - range_start_ms_) * 0.001);

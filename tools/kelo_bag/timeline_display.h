@@ -31,7 +31,8 @@ class PlayControl;
 // own until Finish() or destruction.
 class TimelineDisplay {
  public:
-  TimelineDisplay(StatusLine* status, PlayControl* control, long range_start_ms);
+  // `speed`: bag seconds played per wall-clock second.
+  TimelineDisplay(StatusLine* status, PlayControl* control, long range_start_ms, double speed = 1.0);
   ~TimelineDisplay();
 
   TimelineDisplay(const TimelineDisplay&) = delete;
@@ -49,6 +50,7 @@ class TimelineDisplay {
   StatusLine* const status_;
   PlayControl* const control_;
   const long range_start_ms_;
+  const double speed_;
 
   std::mutex mutex_;
   std::condition_variable stop_cv_;
