@@ -54,7 +54,7 @@ void FillMonitorLosses(const BagLosses& losses, tools::interactive::BagRecordMon
 constexpr char BagRecord::kMonitorGroup[];
 constexpr int BagRecord::kMonitorPort;
 
-BagRecord::BagRecord(const std::string& node_name, const std::string& output, long split_time)
+BagRecord::BagRecord(const std::string& node_name, const std::string& output, long split_time, long split_size)
     : opt_(new BagRecordOpt()),
       cast_server_(UdpCastManager::GetCastServer(kMonitorGroup, kMonitorPort)),
       writer_(nullptr),
@@ -76,6 +76,7 @@ BagRecord::BagRecord(const std::string& node_name, const std::string& output, lo
   opt_->node_name = node_name;
   opt_->output = output;
   opt_->split_time = split_time;
+  opt_->split_size = split_size;
   opt_->update_node_name();
   opt_->update_file_name();
   writer_ = CreateWriter();

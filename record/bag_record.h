@@ -104,7 +104,8 @@ class BagRecord {
   // Completes the node name and the output file name (see BagRecordOpt), prepares the
   // writer, printing "save to file: <name>", and begins answering monitor queries.
   // Nothing is recorded before Start(), and no file is created before the first message.
-  BagRecord(const std::string& node_name, const std::string& output, long split_time);
+  // A `split_size` (bytes of messages) also splits, as BagRecordActual says.
+  BagRecord(const std::string& node_name, const std::string& output, long split_time, long split_size = 0);
   // Stops answering monitor queries (waiting for one being answered), stops (completing the
   // current file), prints "record exit" and discards messages still queued, saying how many
   // and counting them lost. Waits for AppendMessage calls in progress on other threads.

@@ -44,6 +44,7 @@ class BagRecordOpt : public ToolsOptions {
   bool all = false;
   bool trigger = false;
   long split_time = 0;     // seconds per part file; below 1 means one file
+  long split_size = 0;     // bytes of messages per part file; below 1 means no limit
   long reserve_time = 0;   // trigger mode: seconds kept before the trigger
   long duration_time = 0;  // trigger mode: seconds of the saved window
   long cache_size = 0;     // trigger mode: bytes of the message cache

@@ -64,9 +64,13 @@ std::string BagRecordWriter::save(const std::string& name) {
 }
 
 BagRecordActual::BagRecordActual(const BagRecordOpt& opt, const fileio::FilePath& path)
-    : split_time_(opt.split_time), split_start_time_(0), split_index_(0) {
+    : split_time_(opt.split_time),
+      split_size_(opt.split_size),
+      split_start_time_(0),
+      part_bytes_(0),
+      split_index_(0) {
   writer_ = new BagWriter(path);
-  writer_->open(split_time_ >= 1 ? "0" : "");
+  writer_->open(split_time_ >= 1 || split_size_ >= 1 ? "0" : "");
 }
 
 BagRecordActual::~BagRecordActual() = default;
@@ -75,15 +79,19 @@ void BagRecordActual::save_message(const Message& msg) {
   const long t = msg.time;
   if (split_start_time_ == 0) {
     split_start_time_ = t;
-  } else if (split_time_ >= 1 &&
-             static_cast<int64_t>(static_cast<uint64_t>(t) - static_cast<uint64_t>(split_start_time_)) >
-                 static_cast<int64_t>(static_cast<uint64_t>(split_time_) * 1000u)) {
+  } else if ((split_time_ >= 1 &&
+              static_cast<int64_t>(static_cast<uint64_t>(t) - static_cast<uint64_t>(split_start_time_)) >
+                  static_cast<int64_t>(static_cast<uint64_t>(split_time_) * 1000u)) ||
+             (split_size_ >= 1 && part_bytes_ > 0 &&
+              part_bytes_ + msg.data.size() > static_cast<uint64_t>(split_size_))) {
     ++split_index_;
     std::ostringstream index;
     index << split_index_;
     save(index.str());
     split_start_time_ = t;
+    part_bytes_ = 0;
   }
+  part_bytes_ += msg.data.size();
   writer_->append_message(t, msg.record_time, msg.topic, msg.data, msg.type);
 }
 

@@ -96,11 +96,12 @@ class BagRecordWriter {
 
 // Continuous recording: every message goes into the current file at once, and when a split
 // period is set, the file is completed and the next part begun as soon as message time has
-// moved more than the period past the first message of the part.
+// moved more than the period past the first message of the part. A split size works the
+// same way: a part ends before the message that would take its payloads past that size.
 class BagRecordActual : public BagRecordWriter {
  public:
-  // Opens the first file at `path`: part "0" when opt.split_time >= 1, otherwise a single
-  // file with no part index.
+  // Opens the first file at `path`: part "0" when opt.split_time or opt.split_size >= 1,
+  // otherwise a single file with no part index.
   BagRecordActual(const BagRecordOpt& opt, const fileio::FilePath& path);
   ~BagRecordActual() override;
 
@@ -110,7 +111,9 @@ class BagRecordActual : public BagRecordWriter {
 
  private:
   const long split_time_;
+  const long split_size_;
   long split_start_time_;  // time of the part's first message; 0 before any message
+  uint64_t part_bytes_;    // payload bytes in the current part
   int split_index_;        // parts completed so far
 };
 

@@ -18,8 +18,9 @@ namespace {
 using testing_support::ReadAll;
 using testing_support::TempDir;
 
-// Catches a split at (not past) the period, or on time going back, a misnumbered report, an unfinished file.
-TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriod) {
+// Catches a split at (not past) the period, or on time going back, a part past its size, a
+// misnumbered report, an unfinished file.
+TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriodOrThePartIsFull) {
   std::vector<long> hours, every_two_s;
   for (long t = 1; t <= 50; ++t) hours.push_back(t * 3600 * 1000);
   for (long t = 1; t <= 11; ++t) every_two_s.push_back(t * 2001);
@@ -28,6 +29,7 @@ TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriod) {
     std::vector<long> times;
     std::vector<size_t> part_sizes;
     std::vector<std::string> names;
+    long size = 0;
   } cases[] = {
       {1, {1000, 1500, 2000, 2001, 2500, 3001, 3002}, {3, 3, 1}, {"rec_0.kelobag", "rec_1.kelobag", "rec_2.kelobag"}},
       {1, {50000, 1000, 40000, 51000, 51001}, {4, 1}, {"rec_0.kelobag", "rec_1.kelobag"}},
@@ -35,11 +37,13 @@ TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriod) {
       {2, every_two_s, {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {}},
       {0, hours, {50}, {"rec.kelobag"}},
       {-5, hours, {50}, {"rec.kelobag"}},
+      {0, {1, 2, 3, 4, 5, 6, 7}, {3, 3, 1}, {"rec_0.kelobag", "rec_1.kelobag", "rec_2.kelobag"}, 3},
   };
   for (const auto& c : cases) {
     TempDir dir;
     BagRecordOpt opt;
     opt.split_time = c.split;
+    opt.split_size = c.size;
     opt.output = dir.file("rec.kelobag.active");
     BagRecordActual writer(opt, fileio::FilePath(opt.output));
     std::vector<std::string> saved;

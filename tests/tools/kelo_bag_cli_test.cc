@@ -325,19 +325,21 @@ TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
 // A bus that fails (here a log file that ends) stops the recording with a line that says so
 // and a non-zero exit; what came before is kept, where -o says: an existing folder, with or
 // without its slash, or the very file named. Catches --max-files deleting the wrong parts,
-// or none: messages 1.5 s apart make a part each; the oldest completed one goes, the last
-// completed one and the final one stay.
+// or none: 600 KB messages with --max-size 1 make a part each; the oldest completed one
+// goes, the last completed one and the final one stay.
 TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   TempDir dir;
   lcm_eventlog_t* log = lcm_eventlog_create(dir.file("bus.lcmlog").c_str(), "w");
   ASSERT_NE(nullptr, log);
+  std::vector<char> data(600 << 10, 'x');
   for (int i = 0; i < 3; ++i) {
-    char channel[] = "/seq", data[] = "payload!";
-    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, 8, channel, data};
+    char channel[] = "/seq";
+    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, static_cast<int32_t>(data.size()), channel,
+                               data.data()};
     ASSERT_EQ(0, lcm_eventlog_write_event(log, &event));
   }
   lcm_eventlog_destroy(log);
-  const std::string bus = "file://" + dir.file("bus.lcmlog") + "?mode=r", at_once = bus + "&speed=0";
+  const std::string at_once = "file://" + dir.file("bus.lcmlog") + "?mode=r&speed=0";
   ASSERT_EQ(0, mkdir(dir.file("plain").c_str(), 0755));
   for (const std::string& output : {dir.file("rec") + "/", dir.file("plain"), dir.file("one.kelobag")}) {
     const RunResult run = KeloBag(dir, {"record", "--url", at_once, "-a", "-o", output});
@@ -361,7 +363,7 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   EXPECT_THAT(info.out, HasSubstr("\nmode:        plain\n"));
 
   const RunResult parts =
-      KeloBag(dir, {"record", "--url", bus, "-a", "-s", "1", "--max-files", "1", "-o", dir.file("parts") + "/"});
+      KeloBag(dir, {"record", "--url", at_once, "-a", "--max-size", "1", "--max-files", "1", "-o", dir.file("parts") + "/"});
   const std::vector<std::string> left = testing_support::ListDir(dir.file("parts"));
   ASSERT_EQ(2u, left.size()) << parts.out;
   const std::string first_part = left[0].substr(0, left[0].rfind('_')) + "_0.kelobag";

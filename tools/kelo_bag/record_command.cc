@@ -75,7 +75,9 @@ std::string WhatIsRecorded(const RecordToolOpt& opt, const std::string& url) {
 }
 
 // --max-files: keeps the last `keep` completed parts of this recording and deletes older
-// ones as new parts complete, with a line for each.
+// ones as new parts complete, with a line for each. A part is announced as it is handed
+// over to be completed: one not yet under its name is deleted at the next part, or by
+// Finish() once the recorder has completed everything.
 class KeepLastParts {
  public:
   KeepLastParts(int keep, StatusLine* status) : keep_(keep), status_(status) {}
@@ -88,19 +90,30 @@ class KeepLastParts {
     while (!file.empty() && file.back() == '\n') file.pop_back();
     std::lock_guard<std::mutex> hold(mutex_);
     completed_.push_back(file);
+    PruneLocked(false);
+  }
+
+  void Finish() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    PruneLocked(true);
+  }
+
+ private:
+  void PruneLocked(bool final) {
     while (completed_.size() > static_cast<size_t>(keep_)) {
       const std::string oldest = completed_.front();
+      std::string line = "deleted " + oldest + " (--max-files " + std::to_string(keep_) + ")\n";
+      if (unlink(oldest.c_str()) != 0) {
+        if (errno == ENOENT && !final) return;
+        line = "could not delete " + oldest + ": " + std::strerror(errno) + "\n";
+      }
       completed_.pop_front();
-      const std::string line = unlink(oldest.c_str()) == 0
-                                   ? "deleted " + oldest + " (--max-files " + std::to_string(keep_) + ")\n"
-                                   : "could not delete " + oldest + ": " + std::strerror(errno) + "\n";
       std::fputs(line.c_str(), stdout);
       std::fflush(stdout);
       status_->AfterText(line);
     }
   }
 
- private:
   const int keep_;
   StatusLine* const status_;
   std::mutex mutex_;
@@ -110,7 +123,7 @@ class KeepLastParts {
 int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   StatusLine status(stdout, isatty(STDOUT_FILENO) != 0);  // outlives the recorder, which reports to it
   KeepLastParts parts(opt.max_files, &status);
-  auto record = std::make_unique<BagRecord>(opt.node_name, opt.output, opt.split_time);
+  auto record = std::make_unique<BagRecord>(opt.node_name, opt.output, opt.split_time, opt.split_size);
   record->output()->set_output_string_func([&status, &parts](const std::string& text) {
     status.AfterText(text);
     parts.OnText(text);
@@ -134,6 +147,7 @@ int RecordContinuously(const RecordToolOpt& opt, LcmBus* bus) {
   const BagLosses losses = record->GetLosses();
   const std::vector<std::string> incomplete = record->GetIncompleteFiles();
   record.reset();  // its goodbye comes before the summary, which is the last line
+  parts.Finish();
   const bool whole = ReportRecording("received", last.messages, last.bytes, losses, incomplete, bus->KernelDrops());
   return bus_ok && drained && whole ? 0 : 1;
 }

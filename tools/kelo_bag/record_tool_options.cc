@@ -19,6 +19,8 @@ void RecordToolOpt::register_opts() {
                "path", OptionInfo::kString);
   register_opt("split_time", "start a new part every this many seconds of message time (default 0: one file)",
                "seconds", OptionInfo::kInt);
+  register_opt("max-size", "start a new part before its messages pass this many MB (default 0: no limit)", "MB",
+               OptionInfo::kInt);
   register_opt("all", "record every channel (LCM's self-test left out)", "", OptionInfo::kFlag);
   register_opt("trigger", "trigger mode: keep messages in memory, save a file around each trigger", "",
                OptionInfo::kFlag);
@@ -39,7 +41,7 @@ void RecordToolOpt::register_opts() {
   register_opt("exclude", "leave out the channels that one of these regular expressions matches whole (default: none)",
                "regex", OptionInfo::kList);
   register_opt("max-files",
-               "with --split_time, keep only the last this many completed parts, deleting older ones "
+               "with --split_time or --max-size, keep only the last this many completed parts, deleting older ones "
                "(default 0: keep all)",
                "count", OptionInfo::kInt);
   register_opt("url", "LCM bus URL (default: LCM_DEFAULT_URL or LCM's own, with a 4 MB receive buffer)",
@@ -55,6 +57,8 @@ void RecordToolOpt::register_opts() {
 
 void RecordToolOpt::load_opts() {
   BagRecordOpt::load_opts();
+  max_size = get_int("max-size", 0);
+  split_size = max_size > 0 ? static_cast<long>(max_size) << 20 : 0;
   // -o as users of other recorders mean it: an existing folder, slash or not, receives the
   // files; "x.kelobag" is the very file written when one file is all there will be, and the
   // base of the parts' names otherwise.
@@ -65,7 +69,7 @@ void RecordToolOpt::load_opts() {
   if (!base.empty() && base.back() != '/' && stat(base.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
     base += "/";
   } else if (base.size() > extension.size() && common::util::CheckFileExtension(base, extension)) {
-    if (trigger || split_time != 0) {
+    if (trigger || split_time != 0 || split_size != 0) {
       base.resize(base.size() - extension.size());
     } else {
       base += ".active";
@@ -94,7 +98,11 @@ std::string RecordToolOpt::Check() const {
   }
   if (split_time < 0) return "--split_time must not be negative";
   if (max_files < 0) return "--max-files must not be negative";
-  if (max_files > 0 && (trigger || split_time == 0)) return "--max-files is for plain recording with --split_time";
+  if (max_size < 0) return "--max-size must not be negative";
+  if (max_size > 0 && trigger) return "--max-size is for plain recording";
+  if (max_files > 0 && (trigger || (split_time == 0 && max_size == 0))) {
+    return "--max-files is for plain recording with --split_time or --max-size";
+  }
   if (!trigger) {
     for (const char* option : {"reserve", "duration", "cache", "folder_size", "trigger-key"}) {
       if (!get_string(option, "").empty()) return std::string("--") + option + " is for --trigger mode";

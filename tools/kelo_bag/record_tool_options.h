@@ -35,6 +35,7 @@ class RecordToolOpt : public BagRecordOpt {
   TopicSelection Selection() const;
 
   int max_files = 0;              // completed parts kept; 0: all
+  int max_size = 0;               // MB of messages per part; 0: no limit (split_size in bytes)
   std::set<std::string> regex;    // whole-name patterns recorded besides the topics named
   std::set<std::string> exclude;  // whole-name patterns never recorded
   std::string url;          // "" for LCM's default
