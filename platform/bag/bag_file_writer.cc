@@ -320,10 +320,10 @@ uint64_t BagFileWriter::TailBound(uint64_t pending) const {
     declared = declared_bytes_;
     channels = channels_.size();
   }
-  // The channels go into the data and into the summary; each may have a line of losses
-  // and a count in the statistics; the next chunk adds an index entry per channel.
-  // A metadata record already written has its index entry in the summary.
-  return pending + kTailSlack + 2 * declared + channels * 128 + file_.chunk_index_bytes + 128 + channels * 10 +
+  // The channels go into the data and into the summary; each may have a line of losses,
+  // a line of times and a count in the statistics; the next chunk adds an index entry per
+  // channel. A metadata record already written has its index entry in the summary.
+  return pending + kTailSlack + 2 * declared + channels * 192 + file_.chunk_index_bytes + 256 + channels * 10 +
          file_.metadata_indexes.size() * 64;
 }
 
@@ -386,9 +386,10 @@ void BagFileWriter::DropFile() {
     std::lock_guard<std::mutex> lock(mu_);
     lost_.fetch_add(file_.message_count);
     lost_since_failure_ += file_.message_count;
-    for (const auto& [id, n] : file_.channel_counts) {
+    for (const auto& [id, stats] : file_.channel_stats) {
       auto channel = channels_.find(id);
-      ledger_->Add(channel == channels_.end() ? "" : channel->second.topic, BagLossReason::kWriteError, n);
+      ledger_->Add(channel == channels_.end() ? "" : channel->second.topic, BagLossReason::kWriteError,
+                   stats.messages);
     }
     active_name_.clear();
   }
@@ -560,7 +561,10 @@ int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
     file_.schemas.push_back(std::move(s));
   }
   for (mcap::Channel& c : channels) file_.channels.push_back(std::move(c));
-  for (const auto& slot : index_slots_) file_.channel_counts[slot.first] += slot.second.size();
+  for (const auto& slot : index_slots_) {
+    mcap::ChannelStats& stats = file_.channel_stats[slot.first];
+    for (const mcap::IndexEntry& entry : slot.second) stats.Add(entry.log_time);
+  }
   if (file_.message_count == 0) {
     file_.start_time = chunk->start;
     file_.end_time = chunk->end;
@@ -622,6 +626,14 @@ std::string BagFileWriter::Finish() {
     at.length = file_.offset + tail.size() - at.offset;
     summary.metadata_indexes.push_back(at);
   }
+  if (file_.message_count > 0) {
+    mcap::MetadataIndex at;
+    at.offset = file_.offset + tail.size();
+    at.name = mcap::kChannelTimesMetadataName;
+    mcap::AppendMetadata(&tail, mcap::ChannelTimesMetadata(file_.channel_stats));
+    at.length = file_.offset + tail.size() - at.offset;
+    summary.metadata_indexes.push_back(at);
+  }
 
   summary.schemas = file_.schemas;
   summary.channels = file_.channels;
@@ -638,8 +650,8 @@ std::string BagFileWriter::Finish() {
   stats.message_start_time = file_.start_time;
   stats.message_end_time = file_.end_time;
   for (const mcap::Channel& c : summary.channels) {
-    auto it = file_.channel_counts.find(c.id);
-    stats.channel_message_counts.emplace_back(c.id, it == file_.channel_counts.end() ? 0 : it->second);
+    auto it = file_.channel_stats.find(c.id);
+    stats.channel_message_counts.emplace_back(c.id, it == file_.channel_stats.end() ? 0 : it->second.messages);
   }
   summary.chunk_indexes = std::move(file_.chunk_indexes);
 

@@ -20,6 +20,7 @@
 #include "platform/bag/bag_writer_options.h"
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_records.h"
+#include "platform/bag/mcap_summary.h"
 
 struct iovec;
 
@@ -115,7 +116,7 @@ class BagFileWriter {
     std::vector<mcap::ChunkIndex> chunk_indexes;
     uint64_t chunk_index_bytes = 0;  // their size in the summary
     std::vector<mcap::MetadataIndex> metadata_indexes;  // of the records written so far
-    std::map<uint16_t, uint64_t> channel_counts;
+    std::map<uint16_t, mcap::ChannelStats> channel_stats;
     uint64_t message_count = 0;
     uint64_t start_time = 0;
     uint64_t end_time = 0;

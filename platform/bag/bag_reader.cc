@@ -23,24 +23,6 @@ constexpr size_t kCachedChunks = 4;
 
 long ToMillis(uint64_t nanos) { return static_cast<long>(nanos / kNanosPerMilli); }
 
-// The compression named in the header of the chunk `block`; false when it cannot be read.
-// Only the fixed fields and the name are read, never the records.
-bool ReadChunkCompression(const mcap::RandomAccessFile& file, const mcap::Block& block,
-                          std::string* compression) {
-  constexpr uint64_t kFixed = 8 + 8 + 8 + 4;  // start, end, uncompressed size, CRC
-  constexpr uint64_t kMaxName = 64;           // longer names are not compressions we know
-  const uint64_t want = std::min<uint64_t>(block.length, mcap::kPrefixSize + kFixed + 4 + kMaxName);
-  std::string head;
-  if (want < mcap::kPrefixSize + kFixed + 4 || !file.Read(block.offset, want, &head) ||
-      static_cast<uint8_t>(head[0]) != mcap::kOpChunk) {
-    return false;
-  }
-  mcap::Cursor cursor(head.data() + mcap::kPrefixSize, head.size() - mcap::kPrefixSize);
-  cursor.Skip(kFixed);
-  *compression = cursor.String();
-  return cursor.ok();
-}
-
 }  // namespace
 
 struct BagReader::Rep {
@@ -199,7 +181,9 @@ std::string BagReader::Rep::Error() const {
   return line;
 }
 
-BagReader::BagReader(const std::string& path) : rep_(new Rep) {
+BagReader::BagReader(const std::string& path) : BagReader(path, false) {}
+
+BagReader::BagReader(const std::string& path, bool summary_only) : rep_(new Rep) {
   Rep& r = *rep_;
   r.path = path;
   std::string error;
@@ -207,7 +191,7 @@ BagReader::BagReader(const std::string& path) : rep_(new Rep) {
     r.open_error = "cannot open: " + error;
     return;
   }
-  if (!mcap::BuildIndex(r.file, &r.decompressor, &r.index, &error)) {
+  if (!mcap::BuildIndex(r.file, &r.decompressor, &r.index, &error, summary_only)) {
     r.open_error = error;
     return;
   }
@@ -278,16 +262,21 @@ void BagReader::seek_time(long time) {
 
 unsigned BagReader::index() const { return static_cast<unsigned>(rep_->position); }
 
-unsigned BagReader::count() const { return static_cast<unsigned>(rep_->index.messages.size()); }
+unsigned BagReader::count() const {
+  const mcap::BagIndex& index = rep_->index;
+  return static_cast<unsigned>(index.summary_only ? index.statistics.message_count : index.messages.size());
+}
 
 long BagReader::start_time() const {
-  const auto& messages = rep_->index.messages;
-  return messages.empty() ? 0 : ToMillis(messages.front().log_time);
+  const mcap::BagIndex& index = rep_->index;
+  if (index.summary_only) return count() == 0 ? 0 : ToMillis(index.statistics.message_start_time);
+  return index.messages.empty() ? 0 : ToMillis(index.messages.front().log_time);
 }
 
 long BagReader::end_time() const {
-  const auto& messages = rep_->index.messages;
-  return messages.empty() ? 0 : ToMillis(messages.back().log_time);
+  const mcap::BagIndex& index = rep_->index;
+  if (index.summary_only) return count() == 0 ? 0 : ToMillis(index.statistics.message_end_time);
+  return index.messages.empty() ? 0 : ToMillis(index.messages.back().log_time);
 }
 
 std::vector<std::shared_ptr<BagTopic>> BagReader::topics() const {
@@ -330,9 +319,7 @@ BagFileInfo BagReader::file_info() const {
   for (const mcap::Block& block : r.index.blocks) {
     if (block.loose) continue;
     ++info.chunks;
-    std::string name;
-    if (!ReadChunkCompression(r.file, block, &name)) name = "unreadable";
-    if (name.empty()) name = "none";
+    const std::string name = block.compression.empty() ? "none" : block.compression;
     if (std::find(seen.begin(), seen.end(), name) == seen.end()) seen.push_back(name);
   }
   for (const std::string& name : seen) {

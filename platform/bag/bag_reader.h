@@ -15,9 +15,8 @@ namespace kelo {
 // How a bag file is stored, for tools that describe files rather than read messages.
 struct BagFileInfo {
   std::string library;      // the writing library named in the file's header; "" when none
-  std::string compression;  // chunk compression: "zstd", "lz4", "none" (or "unreadable" for a
-                            // chunk whose header cannot be read); several are joined by "+"
-                            // in file order; "" when the file has no chunk
+  std::string compression;  // chunk compression as indexed: "zstd", "lz4", "none"; several
+                            // are joined by "+" in file order; "" when the file has no chunk
   unsigned chunks = 0;      // chunks indexed (for a recovered file, those read soundly)
   bool indexed = false;     // opened from the file's summary, without a scan
   bool recovered = false;   // unfinished, cut, or damaged: read up to what was sound
@@ -53,6 +52,11 @@ struct BagMetadata {
 class BagReader {
  public:
   explicit BagReader(const std::string& path);
+  // For describing a file: with `summary_only`, a complete bag of ours is opened from its
+  // summary alone. Its messages then cannot be read (the reader stands at the end), but
+  // count(), the times, topics(), file_info() and metadata() are as they would be. Any
+  // other file is opened as the constructor above opens it.
+  BagReader(const std::string& path, bool summary_only);
   virtual ~BagReader();
 
   BagReader(const BagReader&) = delete;
@@ -101,7 +105,7 @@ class BagReader {
   std::vector<std::shared_ptr<BagTopic>> topics() const;
 
   // How the file is stored (see BagFileInfo); all empty, 0 and false for a file that could
-  // not be opened as a bag. Reads a few bytes of each chunk's header, nothing more.
+  // not be opened as a bag.
   BagFileInfo file_info() const;
 
   // The metadata records of the bag, in file order.

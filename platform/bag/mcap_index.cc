@@ -141,11 +141,40 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
 
 enum class SummaryUse { kUsed, kAbsent, kDamaged };
 
+// Describes the file from its summary's chunk indexes and statistics and its metadata,
+// without a message: false when they do not tell every channel's count and times.
+bool DescribeFromSummary(const std::vector<ChunkIndex>& chunks, const Statistics& stats, BagIndex* index) {
+  std::map<uint16_t, ChannelStats> times;
+  bool have_times = false;
+  for (const Metadata& m : index->metadata) {
+    if (m.name == kChannelTimesMetadataName) have_times = ReadChannelTimes(m, &times);
+  }
+  if (!have_times) return false;
+  uint64_t total = 0;
+  for (const auto& [id, count] : stats.channel_message_counts) {
+    if (count == 0) continue;
+    auto found = times.find(id);
+    if (index->channels.count(id) == 0 || found == times.end()) return false;
+    found->second.messages = count;
+    total += count;
+  }
+  if (total != stats.message_count) return false;
+  for (auto& [id, s] : times) {
+    if (s.messages > 0) index->channel_stats[id] = s;
+  }
+  for (const ChunkIndex& c : chunks) {
+    index->blocks.push_back({false, c.chunk_start_offset, c.chunk_length, c.compression});
+  }
+  index->statistics = stats;
+  index->summary_only = true;
+  return true;
+}
+
 // Indexes the file from its summary and message indexes. kAbsent when the file has no
 // summary or one that does not account for every message (messages outside chunks,
 // channels defined only in the data); kDamaged, with `why`, when it is inconsistent.
 SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
-                           std::string* why) {
+                           std::string* why, bool summary_only) {
   const uint64_t size = file.size();
   if (size < kMagicSize + kDataEndRecordSize + kTailSize) return SummaryUse::kAbsent;
   char tail[kTailSize];
@@ -225,11 +254,22 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
   // Without statistics nothing tells whether the chunks hold every message.
   if (stats_seen == 0) return SummaryUse::kAbsent;
 
+  for (const MetadataIndex& m : metadata) {
+    std::string record;
+    Metadata parsed;
+    if (m.offset < kMagicSize || m.length < kPrefixSize || m.offset > data_end_pos ||
+        m.length > data_end_pos - m.offset || !file.Read(m.offset, m.length, &record) ||
+        static_cast<uint8_t>(record[0]) != kOpMetadata ||
+        LoadU64(record.data() + 1) != m.length - kPrefixSize ||
+        !ParseMetadata(record.data() + kPrefixSize, m.length - kPrefixSize, &parsed)) {
+      *why = "metadata index points at no metadata";
+      return SummaryUse::kDamaged;
+    }
+    index->metadata.push_back(std::move(parsed));
+  }
   std::sort(chunks.begin(), chunks.end(), [](const ChunkIndex& a, const ChunkIndex& b) {
     return a.chunk_start_offset < b.chunk_start_offset;
   });
-  std::vector<size_t> runs;
-  std::string records, scratch;
   for (const ChunkIndex& c : chunks) {
     if (c.chunk_start_offset < kMagicSize || c.chunk_length < kPrefixSize ||
         c.chunk_start_offset > data_end_pos || c.chunk_length > data_end_pos - c.chunk_start_offset ||
@@ -237,8 +277,13 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
       *why = "chunk index points outside the data";
       return SummaryUse::kDamaged;
     }
+  }
+  if (summary_only && DescribeFromSummary(chunks, stats, index)) return SummaryUse::kUsed;
+  std::vector<size_t> runs;
+  std::string records, scratch;
+  for (const ChunkIndex& c : chunks) {
     const uint32_t block = static_cast<uint32_t>(index->blocks.size());
-    index->blocks.push_back({false, c.chunk_start_offset, c.chunk_length});
+    index->blocks.push_back({false, c.chunk_start_offset, c.chunk_length, c.compression});
     if (c.message_index_offsets.empty()) {
       // Either an empty chunk or one written without message indexes: look inside.
       if (c.uncompressed_size == 0) continue;
@@ -299,19 +344,6 @@ SummaryUse LoadFromSummary(const RandomAccessFile& file, ChunkDecompressor* deco
     if (c.second.schema_id != 0 && index->schemas.count(c.second.schema_id) == 0) {
       return SummaryUse::kAbsent;
     }
-  }
-  for (const MetadataIndex& m : metadata) {
-    std::string record;
-    Metadata parsed;
-    if (m.offset < kMagicSize || m.length < kPrefixSize || m.offset > data_end_pos ||
-        m.length > data_end_pos - m.offset || !file.Read(m.offset, m.length, &record) ||
-        static_cast<uint8_t>(record[0]) != kOpMetadata ||
-        LoadU64(record.data() + 1) != m.length - kPrefixSize ||
-        !ParseMetadata(record.data() + kPrefixSize, m.length - kPrefixSize, &parsed)) {
-      *why = "metadata index points at no metadata";
-      return SummaryUse::kDamaged;
-    }
-    index->metadata.push_back(std::move(parsed));
   }
   SortRuns(&index->messages, runs);
   return SummaryUse::kUsed;
@@ -412,7 +444,7 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
       if (content == nullptr || !ParseChunkHead(content, len, len, &h)) {
         error = "malformed chunk";
       } else if (DecodeChunk(h, content + h.records_offset, decompressor, &records, &error)) {
-        index->blocks.push_back({false, pos, kPrefixSize + len});
+        index->blocks.push_back({false, pos, kPrefixSize + len, h.compression});
         if (!ScanChunkRecords(records, block, index, &error)) {
           index->blocks.pop_back();
           index->messages.resize(before);
@@ -533,14 +565,14 @@ bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompress
 }
 
 bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
-                std::string* error) {
+                std::string* error, bool summary_only) {
   char magic[kMagicSize];
   if (!file.Read(0, kMagicSize, magic) || std::memcmp(magic, kMagic, kMagicSize) != 0) {
     *error = "not a bag file (no MCAP magic)";
     return false;
   }
   std::string why;
-  switch (LoadFromSummary(file, decompressor, index, &why)) {
+  switch (LoadFromSummary(file, decompressor, index, &why, summary_only)) {
     case SummaryUse::kUsed: {
       // The header is not repeated in the summary; it is the first record.
       char prefix[kPrefixSize];

@@ -10,6 +10,7 @@
 #include "platform/bag/mcap_compression.h"
 #include "platform/bag/mcap_file.h"
 #include "platform/bag/mcap_records.h"
+#include "platform/bag/mcap_summary.h"
 
 namespace kelo {
 namespace mcap {
@@ -19,6 +20,7 @@ struct Block {
   bool loose = false;
   uint64_t offset = 0;  // a chunk: its record's file offset; loose: base of its messages' offsets
   uint64_t length = 0;  // a chunk: its whole record's length
+  std::string compression;  // a chunk's, as its index or header says ("" for none)
 };
 
 // One message of the index in 16 bytes: its log time and where its record starts, counted
@@ -43,19 +45,6 @@ struct Damage {
   bool any() const { return unfinished || damaged() || !summary_problem.empty(); }
 };
 
-// How many messages a channel has and their first and last log times, as indexed.
-struct ChannelStats {
-  uint64_t messages = 0;
-  uint64_t first_time = 0;
-  uint64_t last_time = 0;
-
-  void Add(uint64_t log_time) {
-    first_time = messages == 0 ? log_time : std::min(first_time, log_time);
-    last_time = messages == 0 ? log_time : std::max(last_time, log_time);
-    ++messages;
-  }
-};
-
 // Everything a reader needs to find any message without scanning the file again.
 struct BagIndex {
   Header header;
@@ -66,6 +55,10 @@ struct BagIndex {
   std::vector<Metadata> metadata;    // in file order
   std::map<uint16_t, ChannelStats> channel_stats;
   bool from_summary = false;  // opened from the summary, without scanning the data
+  // Opened from the summary alone (see BuildIndex): `messages` is empty; the statistics
+  // give the count and times.
+  bool summary_only = false;
+  Statistics statistics;
   Damage damage;
 };
 
@@ -75,9 +68,11 @@ struct BagIndex {
 // skipped and counted, garbage is skipped up to the next chunk that reads soundly, and a
 // record cut short by the end of the file ends the scan. Every length read from the file is
 // checked against the bytes left in it before memory is set aside for it.
+// With `summary_only`, a sound summary that holds each channel's times (our files') is all
+// that is read: no message is indexed, and only the file's description is known.
 // Returns false, with `error` set, only when the file is not MCAP at all.
 bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
-                std::string* error);
+                std::string* error, bool summary_only = false);
 
 // Reads the chunk of `block`, checks its framing, decompresses it into `records` and
 // verifies its CRC. `scratch` holds the compressed bytes between calls. False with

@@ -1,9 +1,38 @@
 #include "platform/bag/mcap_summary.h"
 
+#include <cstdio>
+
 #include "platform/bag/mcap_crc32.h"
 
 namespace kelo {
 namespace mcap {
+
+Metadata ChannelTimesMetadata(const std::map<uint16_t, ChannelStats>& stats) {
+  Metadata m;
+  m.name = kChannelTimesMetadataName;
+  for (const auto& [id, s] : stats) {
+    if (s.messages > 0) {
+      m.metadata.emplace_back(std::to_string(id), std::to_string(s.first_time) + " " + std::to_string(s.last_time));
+    }
+  }
+  return m;
+}
+
+bool ReadChannelTimes(const Metadata& m, std::map<uint16_t, ChannelStats>* stats) {
+  for (const auto& [key, value] : m.metadata) {
+    unsigned long id = 0;
+    unsigned long long first = 0, last = 0;
+    char end = 0;
+    if (std::sscanf(key.c_str(), "%lu%c", &id, &end) != 1 || id > 0xffff ||
+        std::sscanf(value.c_str(), "%llu %llu%c", &first, &last, &end) != 2 || first > last) {
+      return false;
+    }
+    ChannelStats& s = (*stats)[static_cast<uint16_t>(id)];
+    s.first_time = first;
+    s.last_time = last;
+  }
+  return true;
+}
 
 void AppendFileTail(std::string* out, uint64_t data_end_offset, uint32_t data_crc,
                     const SummaryContent& summary) {

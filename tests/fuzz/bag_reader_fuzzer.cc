@@ -38,6 +38,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!reader.eof() && !reader.read()) __builtin_trap();
     (void)bytes;
   }
+  {
+    kelo::BagReader summary("/proc/self/fd/" + std::to_string(fd), true);
+    (void)summary.topics();
+    (void)summary.file_info();
+    if (!summary.eof() && !summary.read()) __builtin_trap();
+  }
   ::close(fd);
   return 0;
 }

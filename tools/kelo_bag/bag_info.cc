@@ -48,7 +48,7 @@ double BagSummary::Topic::frequency() const {
 }
 
 bool SummarizeBag(const std::string& path, bool verify, BagSummary* summary, std::string* error) {
-  BagReader reader(path);
+  BagReader reader(path, !verify);  // the summary tells all but what --verify checks
   const BagFileInfo info = reader.file_info();
   const std::string reader_error = reader.get_error();
   if (!reader_error.empty() && !info.recovered) {

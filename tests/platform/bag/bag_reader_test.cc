@@ -197,6 +197,39 @@ TEST(BagReaderTest, DescribesHowEachFileIsStoredAndWhatIsNotABag) {
   }
 }
 
+// Catches a description from the summary alone that differs from the one the messages give,
+// and channel times that do not hold taken on trust rather than read from the indexes.
+TEST(BagReaderTest, DescribesOurBagFromItsSummaryAloneAsItsMessagesDo) {
+  TempDir dir;
+  const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kLz4);
+  const auto description = [](const BagReader& r) {
+    std::string text = std::to_string(r.count()) + " " + std::to_string(r.start_time()) + "-" +
+                       std::to_string(r.end_time()) + " " + r.file_info().compression + " " +
+                       std::to_string(r.file_info().chunks);
+    for (const auto& t : r.topics()) {
+      text += " " + t->name + ":" + t->type + ":" + std::to_string(t->messages) + ":" +
+              std::to_string(t->first_time) + "-" + std::to_string(t->last_time);
+    }
+    return text + " " + std::to_string(r.metadata().size());
+  };
+  const std::string path = dir.file("chunked.kelobag");
+  const std::string full = description(BagReader(path));
+  EXPECT_EQ("200 100-299 none+lz4 " + std::to_string(bag.chunks.size()) + " /b:B:67:100-298 /a:A:133:101-299 1", full);
+  BagReader summary(path, true);
+  EXPECT_EQ(full, description(summary));
+  EXPECT_TRUE(summary.eof());
+  // Times that do not parse: the message indexes tell instead.
+  std::string bytes = bag.bytes;
+  const size_t name = bytes.find("kelo_channel_times");
+  ASSERT_NE(std::string::npos, name);
+  const size_t key = static_cast<uint8_t>(bytes[name + 22]);  // a short key: one byte of its length
+  bytes[name + 30 + key] = 'x';
+  WriteFile(path, bytes);
+  BagReader fallback(path, true);
+  EXPECT_EQ(full, description(fallback));
+  EXPECT_FALSE(fallback.eof());
+}
+
 TEST(BagReaderTest, ReadsAFileCutAnywhereUpToItsLastWholeChunkAndCountsTheRest) {
   for (BagCompression c : {BagCompression::kNone, BagCompression::kZstd}) {
     TempDir dir;
