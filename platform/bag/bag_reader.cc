@@ -269,13 +269,13 @@ unsigned BagReader::count() const {
 
 long BagReader::start_time() const {
   const mcap::BagIndex& index = rep_->index;
-  if (index.summary_only) return count() == 0 ? 0 : ToMillis(index.statistics.message_start_time);
+  if (index.summary_only) return ToMillis(index.statistics.message_start_time);  // 0 without messages
   return index.messages.empty() ? 0 : ToMillis(index.messages.front().log_time);
 }
 
 long BagReader::end_time() const {
   const mcap::BagIndex& index = rep_->index;
-  if (index.summary_only) return count() == 0 ? 0 : ToMillis(index.statistics.message_end_time);
+  if (index.summary_only) return ToMillis(index.statistics.message_end_time);  // 0 without messages
   return index.messages.empty() ? 0 : ToMillis(index.messages.back().log_time);
 }
 
