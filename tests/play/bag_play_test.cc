@@ -69,12 +69,12 @@ struct Player {
   PlaybackLog log;
 };
 
-// Ports get their topic's exact bytes; the player replaces, removes and deletes them (ASan sees leaks).
+// Catches a payload's bytes or type changed and a port not replaced or removed (ASan: a port leaked);
+// ports cleared: the callbacks' test.
 TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
   TempDir dir;
   const std::string binary("\0\x01\xff\r\n\0tail", 10), big(70000, '\x7f');
-  BagPlay play(WriteBag(dir, "bag",
-                        {{1000, "/raw", binary, "T"}, {1000, "/c", "c0"}, {1001, "/raw", big}, {1002, "/raw", "x"}}));
+  BagPlay play(WriteBag(dir, "bag", {{1000, "/raw", binary, "T"}, {1000, "/c", "c0"}, {1001, "/raw", big}}));
   OriginalPlayData raw, unused;
   play.AddPort("/raw", new PlayPort<OriginalPlayData>(&unused));
   play.AddPort("/raw", new PlayPort<OriginalPlayData>(&raw));  // replaces the first
@@ -89,10 +89,7 @@ TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
   EXPECT_EQ(raw.data, binary);
   ASSERT_EQ(play.NotifyTimeline(), 0);
   EXPECT_EQ(raw.data + unused.data, big);
-  play.ClearPorts();
-  ASSERT_EQ(play.NotifyTimeline(), 0);
-  EXPECT_EQ(raw.data, big) << "no port after ClearPorts";
-  EXPECT_EQ(types, "T;demo.Raw;demo.Raw;demo.Raw;") << "the callback still gets every message, with its type";
+  EXPECT_EQ(types, "T;demo.Raw;demo.Raw;") << "the callback still gets every message, with its type";
   play.AddPort("/c", new PlayPort<OriginalPlayData>(&unused));
 }
 
@@ -135,18 +132,6 @@ TEST(BagPlayTest, SingleStepPublishesOneBatchWhilePausedAcrossARewind) {
   EXPECT_THAT(StepToStop(&p.play), ElementsAre(0, 1));
   ASSERT_EQ(p.log.deliveries.size(), 10u);
   EXPECT_GE(p.log.deliveries[9].wall_ms, resumed_at_least + 30) << "the next batch keeps its distance";
-}
-
-// Loop replays the range; switched off, the range plays to its end and the player stops.
-TEST(BagPlayTest, LoopReplaysTheRangeUntilSwitchedOff) {
-  Player p({1000, 2000, 3000, 3001, 3002, 4001});
-  ASSERT_TRUE(p.play.ControlLoop(true));
-  ASSERT_TRUE(p.play.ControlPlay(2, 1));  // 3000 to 4000
-  for (int i = 0; i < 7; ++i) ASSERT_EQ(p.Step(), 0);
-  EXPECT_THAT(p.log.times(), ElementsAre(3000, 3001, 3002, 3000, 3001, 3002, 3000));
-  ASSERT_TRUE(p.play.ControlLoop(false));
-  EXPECT_THAT(StepToStop(&p.play), ElementsAre(0, 0, 1));
-  EXPECT_THAT(p.log.times(), ElementsAre(3000, 3001, 3002, 3000, 3001, 3002, 3000, 3001, 3002));
 }
 
 // Callbacks may replace themselves (ASan: no use after free), clear the ports and the message callback.

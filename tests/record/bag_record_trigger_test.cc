@@ -38,12 +38,6 @@ BagRecordWriter::Message At(long time) { return {time, time, "/t", "demo.T", std
 
 // The files the writer reports, on the trigger service's thread.
 struct Saved {
-  std::function<void(const std::string&)> sink() {
-    return [this](const std::string& file) {
-      std::lock_guard<std::mutex> hold(mutex);
-      files.push_back(file);
-    };
-  }
   std::vector<std::string> get() {
     std::lock_guard<std::mutex> hold(mutex);
     return files;
@@ -98,7 +92,10 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
   std::vector<std::string> reports;
   {
     BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
-    writer.set_on_save(saved.sink());
+    writer.set_on_save([&saved](const std::string& file) {
+      std::lock_guard<std::mutex> hold(saved.mutex);
+      saved.files.push_back(file);
+    });
     writer.set_on_report([&](const std::string& line) { reports.push_back(line); });
     long now = WallClockMs();
     for (long t = now - 4000; t < now; t += 100) writer.save_message(At(t));

@@ -45,7 +45,7 @@ Result Parse(ToolsOptions* options, std::vector<const char*> args) {
   return result;
 }
 
-// Catches aliases, --name=value, the last repeat, lists, positionals or "--" read wrongly.
+// Catches aliases, --name=value, the last repeat, lists, positionals, "--" or the 32-bit ends read wrongly.
 TEST(ToolsOptionsTest, NamesAliasesListsAndPositionalsFillTheValues) {
   for (auto args : std::vector<std::vector<const char*>>{
            {"--name", "y", "--name", "x", "--count", "12", "--verbose", "--ls", "3"},
@@ -58,6 +58,13 @@ TEST(ToolsOptionsTest, NamesAliasesListsAndPositionalsFillTheValues) {
     EXPECT_TRUE(opt.get_bool("verbose"));
     EXPECT_EQ(opt.get_int("limit_size", 0), 3);
     EXPECT_EQ(opt.loads, 1);
+  }
+  // Integers at the ends of the signed 32-bit range, read as themselves.
+  for (auto [text, value] : std::vector<std::pair<const char*, int>>{
+           {"-1", -1}, {"+5", 5}, {"2147483647", 2147483647}, {"-2147483648", -2147483647 - 1}}) {
+    DemoOptions opt;
+    ASSERT_EQ(Parse(&opt, {"-c", text}), Result::kLoaded) << text << ": " << opt.error();
+    EXPECT_EQ(opt.get_int("count", 0), value) << text;
   }
   DemoOptions opt;
   ASSERT_EQ(Parse(&opt, {"/b", "--tag", "2", "/a", "--tag", "1,3", "--secret", "--", "-notanoption"}),
@@ -73,16 +80,6 @@ TEST(ToolsOptionsTest, NamesAliasesListsAndPositionalsFillTheValues) {
   EXPECT_TRUE(opt.get_list("demo").empty());
   EXPECT_EQ(opt.get_string("never_registered", "d"), "d");
   EXPECT_EQ(opt.options().size(), 6u);
-}
-
-// Catches integers at the ends of the 32-bit range refused or read as another number.
-TEST(ToolsOptionsTest, IntegersCoverTheSigned32BitRange) {
-  for (auto [text, value] : std::vector<std::pair<const char*, int>>{
-           {"-1", -1}, {"+5", 5}, {"2147483647", 2147483647}, {"-2147483648", -2147483647 - 1}}) {
-    DemoOptions opt;
-    ASSERT_EQ(Parse(&opt, {"-c", text}), Result::kLoaded) << text << ": " << opt.error();
-    EXPECT_EQ(opt.get_int("count", 0), value) << text;
-  }
 }
 
 // Catches bad options or integers accepted, values loaded anyway, and multi-line errors.

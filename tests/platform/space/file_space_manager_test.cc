@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -60,6 +58,8 @@ TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFit) {
   }
 }
 
+// Catches foreign files, links, subfolders and others' bags counted or deleted, and a bag another deleted
+// first still counted against the limit.
 TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
   TempDir outside;
   const std::string dir = outside.file("rec");
@@ -80,8 +80,10 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
   MakeFile(dir + "/bag_new.kelobag", 40, kDay + 2);
 
   FileSpaceManager space(dir, "bag_", ".kelobag", 50, GetParam());
-  std::vector<std::string> seen;  // what is to go: oldest first, ties by name
-  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) { return !(seen = files).empty(); }));
+  std::vector<std::string> seen;  // what is to go: oldest first, ties by name; another recorder deletes one first
+  EXPECT_TRUE(space.free([&](const std::vector<std::string>& files) {
+    return !(seen = files).empty() && unlink(files[1].c_str()) == 0;
+  }));
   EXPECT_EQ(seen, (std::vector<std::string>{dir + "/bag_old_a.kelobag", dir + "/bag_old_b.kelobag"}));
   EXPECT_FALSE(Exists(dir + "/bag_old_a.kelobag") || Exists(dir + "/bag_old_b.kelobag"));
   // With a limit of 1 only its own files go; the rest never counts.
@@ -123,33 +125,6 @@ TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
   MakeFile(dir.file("d.kelobag"), 10, kDay + 20);
   EXPECT_TRUE(space.free(nullptr));
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"a.kelobag", "d.kelobag"}));
-}
-
-// Concurrent calls (one manager shared, another beside it) keep the budget while files keep coming.
-TEST_P(FileSpaceManagerTest, ConcurrentCallsKeepTheBudgetAndOnlyDeleteManagedFiles) {
-  TempDir dir;
-  MakeFile(dir.file("keep.kelobag.active"), 5000, kDay);
-  FileSpaceManager shared(dir.path(), "", ".kelobag", 300, GetParam()), other(dir.path(), "", ".kelobag", 300, GetParam());
-  std::atomic<bool> done{false};
-  std::thread writer([&] {
-    for (int i = 0; i < 100; ++i) {  // completed files appear whole, by rename, as the bag library makes them
-      const std::string name = dir.file("f" + std::to_string(i) + ".kelobag");
-      MakeFile(name + ".active", 100, kDay + i);
-      rename((name + ".active").c_str(), name.c_str());
-    }
-    done = true;
-  });
-  std::atomic<int> failures{0};
-  auto run = [&](FileSpaceManager* space) {
-    while (!done) failures += space->free(nullptr) ? 0 : 1;  // another's deletions are no failure
-  };
-  std::thread threads[] = {std::thread(run, &shared), std::thread(run, &shared), std::thread(run, &other)};
-  writer.join();
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(failures, 0);
-  EXPECT_TRUE(shared.free(nullptr));
-  EXPECT_EQ(dir.List(), (std::vector<std::string>{"f97.kelobag", "f98.kelobag", "f99.kelobag",
-                                                  "keep.kelobag.active"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothModes, FileSpaceManagerTest,
