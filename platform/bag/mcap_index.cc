@@ -480,7 +480,7 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
       if (index->channels.count(m.channel_id) > 0) {
         if (loose == kNoBlock || pos - index->blocks[loose].offset >= kLooseSpan) {
           loose = static_cast<uint32_t>(index->blocks.size());
-          index->blocks.push_back({true, pos, 0});
+          index->blocks.push_back({true, pos, 0, ""});
           runs.push_back(index->messages.size());
         }
         index->messages.push_back(
