@@ -279,47 +279,68 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   EXPECT_THAT(nothing.err, HasSubstr("nothing to play"));
 }
 
+// `args` run with a pseudo-terminal as their controlling terminal on the descriptors `fds`
+// (the others of 0, 1, 2 go to /dev/null); the screen is what they wrote on it.
+class OnTerminal {
+ public:
+  explicit OnTerminal(std::vector<std::string> args, const std::vector<int>& fds = {0, 1, 2})
+      : master_(posix_openpt(O_RDWR | O_NOCTTY)) {
+    EXPECT_TRUE(master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0);
+    const std::string terminal = ptsname(master_);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      setsid();
+      const int fd = open(terminal.c_str(), O_RDWR), null = open("/dev/null", O_RDWR);
+      for (int to : {0, 1, 2}) dup2(std::count(fds.begin(), fds.end(), to) ? fd : null, to);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+  }
+  ~OnTerminal() {
+    if (status_ == -1) kill(pid_, SIGKILL), waitpid(pid_, &status_, 0);
+    close(master_);
+  }
+  // Reads the screen until `done`, at most 20 s: the program never blocks on a full terminal.
+  bool Until(const std::function<bool()>& done) {
+    return testing_support::WaitFor([&] {
+      char bytes[4096];
+      pollfd fd = {master_, POLLIN, 0};
+      for (ssize_t n; poll(&fd, 1, 0) > 0 && (n = read(master_, bytes, sizeof(bytes))) > 0;) screen_.append(bytes, n);
+      return done();
+    }, 20000);
+  }
+  bool Shows(const std::string& text) { return Until([&] { return screen_.find(text) != std::string::npos; }); }
+  void Type(const std::string& keys) { ASSERT_EQ(static_cast<ssize_t>(keys.size()), write(master_, keys.data(), keys.size())); }
+  // The exit code, or -1 when the program did not exit normally within 20 s.
+  int Exit() {
+    Until([&] { return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_; });
+    Until([] { return true; });  // what it wrote last
+    return status_ != -1 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+  }
+  const std::string& screen() const { return screen_; }
+
+ private:
+  const int master_;
+  pid_t pid_ = -1;
+  int status_ = -1;
+  std::string screen_;
+};
+
 // On a terminal, --paused waits for a key, an arrow seeks, and q quits at once.
 TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   TempDir dir;
-  std::vector<std::string> args = {kKeloBag, "play", "--paused", WriteBag(dir, "keys", 0, 60)};
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
-  const std::string terminal = ptsname(master);
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(&arg[0]);
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setsid();
-    const int fd = open(terminal.c_str(), O_RDWR);  // the session's controlling terminal
-    for (int to : {0, 1, 2}) dup2(fd, to);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  std::string screen;
-  int status = -1;
-  auto until = [&](const std::function<bool()>& done) {  // reads the screen meanwhile: the player never blocks
-    return testing_support::WaitFor([&] {
-      char bytes[4096];
-      pollfd fd = {master, POLLIN, 0};
-      for (ssize_t n; poll(&fd, 1, 0) > 0 && (n = read(master, bytes, sizeof(bytes))) > 0;) screen.append(bytes, n);
-      return done();
-    }, 20000);
-  };
-  EXPECT_TRUE(until([&] { return screen.find("[PAUSED ]  Bag Time: 1700000000000 ") != std::string::npos; }))
-      << screen;
+  OnTerminal play({kKeloBag, "play", "--paused", WriteBag(dir, "keys", 0, 60)});
+  EXPECT_TRUE(play.Shows("[PAUSED ]  Bag Time: 1700000000000 ")) << play.screen();
   // A seek moves the timeline and keeps the pause; the summary is not printed again.
-  ASSERT_EQ(3, write(master, "\x1b[C", 3));
-  EXPECT_TRUE(until([&] { return screen.find("[PAUSED ]  Bag Time: 1700000005000 ") != std::string::npos; }))
-      << screen;
-  EXPECT_EQ(screen.find("topic:"), screen.rfind("topic:")) << screen;
-  ASSERT_EQ(1, write(master, "q", 1));
-  EXPECT_TRUE(until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) << screen;
-  if (status == -1) kill(pid, SIGKILL), waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_THAT(screen, HasSubstr("quit"));
-  close(master);
+  play.Type("\x1b[C");
+  EXPECT_TRUE(play.Shows("[PAUSED ]  Bag Time: 1700000005000 ")) << play.screen();
+  EXPECT_EQ(play.screen().find("topic:"), play.screen().rfind("topic:")) << play.screen();
+  play.Type("q");
+  EXPECT_EQ(0, play.Exit()) << play.screen();
+  EXPECT_THAT(play.screen(), HasSubstr("quit"));
 }
 
 // A bus that fails (here a log file that ends) stops the recording with a line that says so
@@ -377,7 +398,7 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   const std::string first = WriteBag(dir, "first", 0, 2), second = WriteBag(dir, "second", 3000, 1);
   const RunResult filter = KeloBag(dir, {"filter", "-o", dir.file("f.kelobag"), "--start", "1", "--duration", "1",
                                        "--topics", "/a", second, first});
-  EXPECT_EQ(0, filter.code) << filter.err;
+  EXPECT_EQ("", filter.err) << "off a terminal, no progress bar";
   const std::vector<BagMessage> filtered = testing_support::ReadAll(dir.file("f.kelobag"));
   ASSERT_EQ(11u, filtered.size()) << filter.out;  // /a at 1.0, 1.1, ... 2.0 s
   EXPECT_EQ(1700000001000, filtered.front().time);
@@ -411,6 +432,12 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_THAT(recover.err, HasSubstr(cut + ": recovered"));
   EXPECT_EQ(readable, testing_support::ReadAll(dir.file("r.kelobag")).size());
   EXPECT_FALSE(BagReader(dir.file("r.kelobag")).file_info().recovered);
+
+  // On a terminal a copy shows how far it has come, and clears its bar at the end.
+  OnTerminal merge({kKeloBag, "merge", "-o", dir.file("m2.kelobag"), second, first}, {2});
+  EXPECT_EQ(0, merge.Exit());
+  EXPECT_THAT(merge.screen(), ContainsRegex("\r\\[[# ]{40}\\] +[0-9]+%  [0-9]+ messages"));
+  EXPECT_THAT(merge.screen(), testing::EndsWith("\r\033[K"));
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ uint64_t ReadMessages(const CopyOpt& opt, const BagSources& sources, const std::
   const bool bar = isatty(STDERR_FILENO) != 0 && (opt.kind != CopyOpt::Kind::kCat || isatty(STDOUT_FILENO) == 0);
   const long range_start = sources.begin_ms() + opt.start * 1000L;
   const double range_ms = std::max(1.0, static_cast<double>(view.duration()));
-  auto drawn = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point drawn;  // long ago: the first message draws the bar
   bool shown = false;
   uint64_t messages = 0;
   while (std::shared_ptr<BagMessage> message = view.pop_message()) {
