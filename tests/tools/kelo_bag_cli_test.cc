@@ -420,6 +420,9 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_EQ("v1", line["type"].asString());
   EXPECT_EQ("\"c\"", line["preview"].asString());
   EXPECT_EQ(1, line["size"].asInt());
+  BagWriter quoted(fileio::FilePath(dir.file("quoted.kelobag.active")));
+  quoted.append_message(1700000000000, 0, "/q", "say \"hi\" \\o/", "T");
+  EXPECT_THAT(KeloBag(dir, {"cat", quoted.close()}).out, HasSubstr(" \"say \\\"hi\\\" \\\\o/\"\n"));
 
   // A bag cut in its middle: what could still be read is saved whole, the rest named.
   const std::string bytes = ReadFile(second);
