@@ -329,7 +329,7 @@ class OnTerminal {
   std::string screen_;
 };
 
-// On a terminal, --paused waits for a key, an arrow seeks, and q quits at once.
+// On a terminal, --paused waits for a key, an arrow seeks, q quits at once, and the end ends.
 TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   TempDir dir;
   OnTerminal play({kKeloBag, "play", "--paused", WriteBag(dir, "keys", 0, 60)});
@@ -341,6 +341,9 @@ TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   play.Type("q");
   EXPECT_EQ(0, play.Exit()) << play.screen();
   EXPECT_THAT(play.screen(), HasSubstr("quit"));
+  // Played to its end on a terminal, it ends by itself too.
+  OnTerminal to_the_end({kKeloBag, "play", WriteBag(dir, "short", 0, 0)});
+  EXPECT_EQ(0, to_the_end.Exit()) << to_the_end.screen();
 }
 
 // A bus that fails (here a log file that ends) stops the recording with a line that says so

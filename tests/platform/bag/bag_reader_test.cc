@@ -155,17 +155,17 @@ TEST(BagReaderTest, GivesMessagesInTimeOrderAcrossOverlappingChunksWithTiesInWri
 TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
   TempDir dir;
   std::vector<BagMessage> messages;
-  for (long t : {10, 20, 20, 30, 50}) messages.push_back(Message("/t", t, "T", std::to_string(t)));
+  for (long t : {0, 1, 20, 20, 30, 50}) messages.push_back(Message("/t", t, "T", std::to_string(t)));
   auto reader = std::make_unique<BagReader>(WriteBag(dir.file("seek.kelobag"), messages));
-  EXPECT_EQ(std::make_pair(10L, 50L), std::make_pair(reader->start_time(), reader->end_time()));
+  EXPECT_EQ(std::make_pair(0L, 50L), std::make_pair(reader->start_time(), reader->end_time()));
   // {time, index of the first message at or after it}
   for (const auto& [time, index] : std::vector<std::pair<long, size_t>>{
-           {-5, 0}, {10, 0}, {11, 1}, {20, 1}, {21, 3}, {50, 4}, {51, 5}}) {
+           {-5, 0}, {1, 1}, {2, 2}, {20, 2}, {21, 4}, {50, 5}, {51, 6}}) {
     reader->seek_time(time);
     EXPECT_EQ(index, reader->index()) << time;
-    EXPECT_EQ(index == 5, reader->eof()) << time;
+    EXPECT_EQ(index == 6, reader->eof()) << time;
   }
-  reader->seek(3);
+  reader->seek(4);
   std::shared_ptr<BagMessage> kept = reader->read();
   EXPECT_EQ(kept, reader->read());
   reader->seek(99);
