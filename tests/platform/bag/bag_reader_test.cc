@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 
 #include "platform/bag/bag_writer.h"
@@ -152,11 +153,14 @@ TEST(BagReaderTest, GivesMessagesInTimeOrderAcrossOverlappingChunksWithTiesInWri
   }
 }
 
-TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
+TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReaderButNotItsFile) {
   TempDir dir;
   std::vector<BagMessage> messages;
   for (long t : {0, 1, 20, 20, 30, 50}) messages.push_back(Message("/t", t, "T", std::to_string(t)));
-  auto reader = std::make_unique<BagReader>(WriteBag(dir.file("seek.kelobag"), messages));
+  const std::string path = WriteBag(dir.file("seek.kelobag"), messages);
+  const auto open_files = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto before = open_files();
+  auto reader = std::make_unique<BagReader>(path);
   EXPECT_EQ(std::make_pair(0L, 50L), std::make_pair(reader->start_time(), reader->end_time()));
   // {time, index of the first message at or after it}
   for (const auto& [time, index] : std::vector<std::pair<long, size_t>>{
@@ -171,6 +175,7 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReader) {
   reader->seek(99);
   EXPECT_TRUE(reader->eof() && reader->read() == nullptr);
   reader.reset();
+  EXPECT_EQ(before, open_files()) << "the file is closed with its reader";
   EXPECT_EQ("30", kept->data);
 }
 
