@@ -1,6 +1,7 @@
 #!/bin/bash
 # Runs `kelo_bag demo` and checks what it leaves: exit 0, bags that `kelo_bag info` and
-# @mcap/core read alike, holding every message the recorder took.
+# @mcap/core read alike, holding every message the recorder took, and a playback of every
+# message in its range.
 # Usage: run_demo_check.sh <kelo_bag> <work dir>
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -20,3 +21,8 @@ dropped=$(sed -n 's/^the recorder received .*; \([0-9]*\) of them lost.*/\1/p' "
 dropped=${dropped:-0}
 "$tool" info --json "$work"/*.kelobag > "$work/info.json"
 node "$here/check_demo_bags.mjs" "$work" "$work/info.json" "$((taken - dropped))"
+# Its playback delivers every message of the range it plays, as cat finds them there.
+read -r bag duration < <(sed -n 's/^== kelo_bag play \(.*\) --duration \([0-9]*\)$/\1 \2/p' "$work.log")
+played=$(sed -n 's/^played \([0-9]*\) messages.*/\1/p' "$work.log")
+expected=$("$tool" cat --duration "$duration" "$bag" | wc -l)
+[ "$played" = "$expected" ] || { echo "the demo played $played messages of the $expected in its range" >&2; exit 1; }
