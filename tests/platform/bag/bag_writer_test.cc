@@ -191,6 +191,10 @@ TEST(BagWriterTest, WhatABagCannotHoldIsCountedAndReportedOncePerEpisode) {
   // Reported again only after "/t0" was stored.
   EXPECT_THAT(log, testing::ContainsRegex("outside the times(.|\n)*outside the times"));
   EXPECT_THAT(log, testing::Not(testing::ContainsRegex("(outside the times(.|\n)*){3}")));
+  // A problem that comes back after it ended is a problem again.
+  BagWriter again(fileio::FilePath(dir.file("u.kelobag.active")));
+  for (long time : {-1L, 5L, -1L}) again.append_message(time, 5, "/t", "x", "T");
+  EXPECT_THAT(again.problems(), HasSubstr("outside the times"));
 }
 
 TEST(BagWriterTest, WritesEveryCrcStoresWhatDoesNotShrinkAsItIsAndTakesTheDefaultsOfItsTime) {
