@@ -45,7 +45,9 @@ TEST(BagCacheWriterTest, SavesTheWindowWithEveryFieldAndEveryTopicUnderANameOfIt
   BagCacheWriter writer(fileio::FilePath(dir.file("d.kelobag.active")), 2, 3, 1 << 20);
   writer.append_topic("/quiet", "kelo.Quiet");
   writer.append_message(kTrigger - 2001, kTrigger, "/gps", "early", "kelo.Gps");
-  for (long i = 0; i < 50; ++i) writer.append_message(kTrigger + i * 20, kTrigger + 2, "/imu", "in", "kelo.Imu");
+  for (long i = 0; i < 50; ++i) {  // two a millisecond: they keep the order they came in
+    writer.append_message(kTrigger + i / 2 * 20, kTrigger + 2, "/imu", std::to_string(i), "kelo.Imu");
+  }
   EXPECT_EQ(writer.save_file(Notice(kTrigger, "same")), Saved(dir, "d", kTrigger, "_same"));
   EXPECT_EQ(writer.save_file(Notice(kTrigger, "same")), Saved(dir, "d", kTrigger, "_same-1"));
   std::string a;  // two saves at once: two distinct files, each whole
@@ -57,8 +59,8 @@ TEST(BagCacheWriterTest, SavesTheWindowWithEveryFieldAndEveryTopicUnderANameOfIt
   for (const std::string& name : dir.List()) {
     const std::vector<BagMessage> saved = ReadAll(dir.file(name));
     ASSERT_EQ(saved.size(), 50u) << name;
-    EXPECT_EQ(saved[1].topic + saved[1].type + saved[1].data + std::to_string(saved[1].record_time - kTrigger),
-              "/imukelo.Imuin2");
+    EXPECT_EQ(saved[1].topic + saved[1].type + std::to_string(saved[1].record_time - kTrigger), "/imukelo.Imu2");
+    for (size_t i = 0; i < saved.size(); ++i) EXPECT_EQ(std::to_string(i), saved[i].data) << name;
     std::set<std::string> topics;  // every topic declared so far, with or without messages
     for (const auto& t : BagReader(dir.file(name)).topics()) topics.insert(t->name + " " + t->type);
     EXPECT_EQ(topics, (std::set<std::string>{"/gps kelo.Gps", "/imu kelo.Imu", "/quiet kelo.Quiet"}));
