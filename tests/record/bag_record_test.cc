@@ -219,6 +219,29 @@ TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
   EXPECT_EQ(size_t{kMessages} + 1, ReadDirectory(dir).size() + record.GetLosses().total());
 }
 
+// Catches a callback's Start() taking back a stop asked from outside, which then never ends.
+TEST(BagRecordTest, AStartFromACallbackDoesNotUndoAStopFromOutside) {
+  TempDir dir;
+  ReportLog log;
+  BagRecord record("node", dir.path() + "/", 1);
+  std::atomic<bool> once{true};
+  record.output()->set_output_string_func([&](const std::string& text) {
+    log.sink()(text);
+    if (text.rfind("split bag: ", 0) == 0 && once.exchange(false)) record.Start();
+  });
+  log.HoldOn("split bag: ");
+  record.Start();
+  for (long t = 0; t < 2; ++t) record.AppendMessage(1000 + t * 1500, "/t", "demo.T", "x");
+  log.WaitUntilHeld();
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] { record.Stop(), stopped = true; });
+  usleep(200000);  // the stop is under way, waiting for the save thread
+  log.Release();
+  for (int ms = 0; ms < 10000 && !stopped; ++ms) usleep(1000);
+  ASSERT_TRUE(stopped) << "the stop never ends";  // (the joinable thread then ends the test)
+  stopper.join();
+}
+
 TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   TempDir dir;
   ReportLog log;
