@@ -84,7 +84,8 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
   EXPECT_NE(std::string::npos, error.find("bz2"));
 }
 
-// Catches a zstd frame (another writer's, with a checksum) cut inside its checksum taken as whole.
+// Catches a zstd frame (another writer's, with a checksum) cut inside its checksum taken as whole,
+// and a second frame left out.
 TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
   const std::string records = testing_support::Noise(5000, 9);
   ZSTD_CCtx* cctx = ZSTD_createCCtx();
@@ -97,6 +98,10 @@ TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
   ASSERT_TRUE(decompressor.Decompress("zstd", stored.data(), stored.size(), records.size(), &back, &error)) << error;
   EXPECT_FALSE(decompressor.Decompress("zstd", stored.data(), stored.size() - 2, records.size(), &back, &error));
   EXPECT_NE(error.find("truncated"), std::string::npos) << error;
+  // Two frames one after the other (a streaming writer's) are one chunk.
+  const std::string twice = stored + stored;
+  ASSERT_TRUE(decompressor.Decompress("zstd", twice.data(), twice.size(), 2 * records.size(), &back, &error)) << error;
+  EXPECT_EQ(records + records, back);
 }
 
 // A file that shrinks under a reader gives a failed read, never a hang.
