@@ -1,5 +1,6 @@
 #include "platform/bag/bag_reader.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -219,7 +220,11 @@ TEST(BagReaderTest, DescribesOurBagFromItsSummaryAloneAsItsMessagesDo) {
   };
   const std::string path = dir.file("chunked.kelobag");
   const std::string full = description(BagReader(path));
-  EXPECT_EQ("200 100-299 none+lz4 " + std::to_string(bag.chunks.size()) + " /b:B:67:100-298 /a:A:133:101-299 1", full);
+  // Which chunks the writer compresses depends on how fast it runs (a slow one stores some as
+  // they are), and the kinds are named in the order of the chunks.
+  const std::string chunks = std::to_string(bag.chunks.size());
+  EXPECT_THAT(full, testing::MatchesRegex("200 100-299 (lz4|none)(\\+(lz4|none))? " + chunks +
+                                          " /b:B:67:100-298 /a:A:133:101-299 1"));
   BagReader summary(path, true);
   EXPECT_EQ(full, description(summary));
   EXPECT_TRUE(summary.eof());
