@@ -177,9 +177,11 @@ bool UdpSocket::OpenGroup(const UdpInterface& interface, uint32_t group, uint16_
     return false;
   }
   fd_ = fd;
-  // Every process of the host that serves this group and port gets its own copy.
-  if (!SetInt(fd, SOL_SOCKET, SO_REUSEADDR, 1, "cannot share the port", error) ||
-      !SetInt(fd, SOL_SOCKET, SO_REUSEPORT, 1, "cannot share the port", error)) {
+  // Every process of the host that serves this group and port gets its own copy. Not
+  // SO_REUSEPORT: with it, Linux hands a datagram that comes from another host to one socket
+  // of the port, picked by the sender's address, which may be one that joined the group on
+  // another interface and drops it.
+  if (!SetInt(fd, SOL_SOCKET, SO_REUSEADDR, 1, "cannot share the port", error)) {
     Close();
     return false;
   }
