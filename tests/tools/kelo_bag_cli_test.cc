@@ -212,7 +212,9 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
 
   const RunResult clean = KeloBag(dir, {"info", whole, header_only});
   EXPECT_EQ(0, clean.code) << clean.err;
-  EXPECT_THAT(clean.out, HasSubstr("lost:        4 (3 queue full, 1 disk full)\n"));
+  // Once for the file and once for both together.
+  const std::string lost = "lost:        4 (3 queue full, 1 disk full)\n";
+  EXPECT_NE(clean.out.find(lost), clean.out.rfind(lost)) << clean.out;
   const RunResult info = KeloBag(dir, {"info", "--verify", damaged, cut});
   EXPECT_EQ(3, info.code);
   EXPECT_THAT(info.err, HasSubstr("info: " + damaged + ": 1 chunk ("));
