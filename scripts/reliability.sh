@@ -247,14 +247,14 @@ d=$work/hosts; mkdir -p "$d/a" "$d/b"
 seen=0; wrong=0; reached=0
 sleep 1
 for _ in 1 2 3 4 5 6; do
-  out=$(in_other "$kb" monitor --once --interface kelo1 2>/dev/null || true)
-  grep -q wide <<< "$out" && seen=$((seen + 1))
-  grep -q local <<< "$out" && wrong=$((wrong + 1))
+  said=$(in_other "$kb" monitor --once --interface kelo1 2>/dev/null || true)
+  grep -q wide <<< "$said" && seen=$((seen + 1))
+  grep -q local <<< "$said" && wrong=$((wrong + 1))
 done
 for _ in 1 2 3; do
-  out=$(in_other timeout 20 "$kb" trigger --interface kelo1 --label far --wait 5 2>&1 || true)
-  grep -q wide <<< "$out" && reached=$((reached + 1))
-  grep -q local <<< "$out" && wrong=$((wrong + 1))
+  said=$(in_other timeout 20 "$kb" trigger --interface kelo1 --label far --wait 5 2>&1 || true)
+  grep -q wide <<< "$said" && reached=$((reached + 1))
+  grep -q local <<< "$said" && wrong=$((wrong + 1))
 done
 kill -INT $a $b; wait $a || true; wait $b || true
 kill "$other"; wait "$other" 2>/dev/null || true
