@@ -14,7 +14,7 @@ namespace {
 // this ratio, so they are decompressed without growing the buffer; a chunk that claims a
 // huge size is only given memory as it really produces bytes.
 constexpr uint64_t kTrustedRatio = 64;
-constexpr uint64_t kMinFirstAllocation = 1 << 20;
+constexpr uint64_t kMinFirstAllocation = 64 << 10;
 
 size_t FirstAllocation(size_t compressed, uint64_t uncompressed) {
   uint64_t trusted = std::max<uint64_t>(kMinFirstAllocation, compressed * kTrustedRatio);

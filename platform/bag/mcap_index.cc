@@ -369,11 +369,22 @@ bool ChunkStartsAt(SequentialReader* in, uint64_t pos, uint64_t size) {
 // The offset of the next record at or after `from` that a scan can go on with: a chunk that
 // reads soundly, or the end of the data; `size` when there is none.
 uint64_t Resync(SequentialReader* in, uint64_t from, uint64_t size) {
-  for (uint64_t pos = from; pos + kPrefixSize <= size; ++pos) {
-    const char* p = in->Get(pos, kPrefixSize);
-    const uint8_t op = static_cast<uint8_t>(p[0]);
-    if (op == kOpChunk && ChunkStartsAt(in, pos, size)) return pos;
-    if (op == kOpDataEnd && LoadU64(p + 1) == 4) return pos;
+  uint64_t pos = from;
+  while (pos + kPrefixSize <= size) {
+    // The places a record may begin, a window at a time: a damaged stretch can be long.
+    const uint64_t n = std::min<uint64_t>(size - kPrefixSize + 1 - pos, uint64_t{64} << 10);
+    const char* w = in->Get(pos, n + kPrefixSize - 1);
+    uint64_t i = 0;
+    for (; i < n; ++i) {
+      const uint8_t op = static_cast<uint8_t>(w[i]);
+      if (op == kOpChunk || (op == kOpDataEnd && LoadU64(w + i + 1) == 4)) break;
+    }
+    if (i == n) {
+      pos += n;
+      continue;
+    }
+    if (static_cast<uint8_t>(w[i]) == kOpDataEnd || ChunkStartsAt(in, pos + i, size)) return pos + i;
+    pos += i + 1;  // the window may have moved: look again from there
   }
   return size;
 }
