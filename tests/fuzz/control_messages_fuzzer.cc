@@ -1,18 +1,15 @@
-// Feeds arbitrary bytes to the parsers of what other processes and users hand a recorder:
-// trigger service bodies, trigger notices, monitor replies and the record command line.
-// The first byte picks the parser, the rest is its input. What decodes must encode and
-// decode again to the same values.
+// Feeds arbitrary bytes to the parsers of what other processes hand a recorder: trigger
+// service bodies, trigger notices and monitor replies. The first byte picks the parser, the
+// rest is its input. What decodes must encode and decode again to the same values.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "platform/trigger/trigger_notice.h"
 #include "platform/trigger/trigger_protocol.h"
 #include "platform/udp/udp_message.h"
 #include "proto/bag_record_monitor.pb.h"
-#include "record/bag_record_options.h"
 
 namespace {
 
@@ -36,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const std::string input(reinterpret_cast<const char*>(data) + 1, size - 1);
   using namespace kelo::trigger_protocol;
-  switch (data[0] % 4) {
+  switch (data[0] % 3) {
     case 0:
       RoundTrip<TriggerEvent>(input, [](const TriggerEvent& a, const TriggerEvent& b) {
         return a.time_ms == b.time_ms && a.label == b.label && a.mac == b.mac;
@@ -56,26 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
       break;
     }
-    case 2: {
+    default: {
       kelo::tools::interactive::BagRecordMonitor monitor;
       if (monitor.ParseFromString(input)) {
         kelo::tools::interactive::BagRecordMonitor again;
         Check(again.ParseFromString(monitor.SerializeAsString()));
       }
-      break;
-    }
-    default: {
-      // Words separated by NUL bytes, after the program name.
-      std::vector<std::string> words = {"kelo_bag"};
-      for (size_t start = 0; start <= input.size();) {
-        const size_t end = std::min(input.find('\0', start), input.size());
-        words.push_back(input.substr(start, end - start));
-        start = end + 1;
-      }
-      std::vector<const char*> argv;
-      for (const std::string& w : words) argv.push_back(w.c_str());
-      kelo::BagRecordOpt opt;
-      opt.parse(static_cast<int>(argv.size()), argv.data());
       break;
     }
   }

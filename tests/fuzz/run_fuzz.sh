@@ -2,7 +2,9 @@
 # Builds the fuzz targets with clang and runs each briefly from its seed corpus
 # (corpus/<name> for the target <name>_fuzzer).
 # Usage: tests/fuzz/run_fuzz.sh [build dir] (default /tmp/kelo-bag-fuzz); FUZZ_SECONDS
-# sets the time per target (default 30). Exits non-zero when a target finds a crash.
+# sets the time per target (default 30), FUZZ_RUNS an optional number of executions after
+# which a target stops sooner. Two targets run at a time; each one's output follows a line
+# "== <target>". Exits non-zero when a target finds a crash.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="${1:-/tmp/kelo-bag-fuzz}"
@@ -19,20 +21,36 @@ cmake -S "$here" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
   { cat "$build/configure.log"; exit 1; }
 cmake --build "$build" -j2
 
-status=0
+runs="${FUZZ_RUNS:-}"
 targets=$(cd "$build" && ls -- *_fuzzer 2>/dev/null || true)
 [ -n "$targets" ] || { echo "no fuzz targets were built" >&2; exit 1; }
-for fuzzer in $targets; do
-  corpus="$build/corpus/$fuzzer"  # what the run discovers stays out of the repo
-  seeds="$here/corpus/${fuzzer%_fuzzer}"
+mkdir -p "$build/artifacts" "$build/logs"
+run() {
+  local fuzzer=$1 corpus="$build/corpus/$1" seeds="$here/corpus/${1%_fuzzer}"
   [ -d "$seeds" ] || seeds=""
-  mkdir -p "$corpus" "$build/artifacts"
-  echo "running $fuzzer for ${seconds}s"
-  # Corrupt input may legitimately expand (a compressed chunk) but never to gigabytes;
-  # a hang shows up as a timeout.
-  if ! "$build/$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-      -malloc_limit_mb=1024 -max_len=65536 -print_final_stats=1 \
-      -artifact_prefix="$build/artifacts/" "$corpus" ${seeds:+"$seeds"}; then
+  mkdir -p "$corpus"  # what the run discovers stays out of the repo
+  # Corrupt input may legitimately expand (a compressed chunk) but never to gigabytes; a
+  # hang shows up as a timeout. The targets' own output (the option parser's complaints)
+  # is dropped; libFuzzer's and the sanitizers' reports are kept.
+  if "$build/$fuzzer" -max_total_time="$seconds" ${runs:+-runs="$runs"} -timeout=10 \
+      -rss_limit_mb=2048 -malloc_limit_mb=1024 -max_len=65536 -close_fd_mask=3 \
+      -print_final_stats=1 -artifact_prefix="$build/artifacts/" "$corpus" ${seeds:+"$seeds"} \
+      > "$build/logs/$fuzzer.log" 2>&1; then
+    rm -f "$build/logs/$fuzzer.failed"
+  else
+    touch "$build/logs/$fuzzer.failed"
+  fi
+}
+for fuzzer in $targets; do
+  while [ "$(jobs -rp | wc -l)" -ge 2 ]; do wait -n || true; done
+  run "$fuzzer" &
+done
+wait
+status=0
+for fuzzer in $targets; do
+  echo "== $fuzzer"
+  cat "$build/logs/$fuzzer.log"
+  if [ -e "$build/logs/$fuzzer.failed" ]; then
     echo "$fuzzer failed; reproducer in $build/artifacts/" >&2
     status=1
   fi
