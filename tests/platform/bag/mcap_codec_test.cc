@@ -19,11 +19,34 @@ namespace mcap {
 namespace {
 
 // Byte layouts of whole files are checked by the interop test, which reads our bags with another reader.
+// The CRC a bit at a time, as the standard defines it.
+uint32_t BitwiseCrc(const char* data, size_t size) {
+  uint32_t crc = ~0u;
+  for (size_t i = 0; i < size; ++i) {
+    crc ^= static_cast<unsigned char>(data[i]);
+    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
+  }
+  return ~crc;
+}
+
+// Every length and alignment around the 16- and 64-byte steps of the fast CRC, a large
+// buffer, and a CRC extended from any split.
 TEST(McapCodecTest, CrcsAreTheStandardCrc32AndCombineLikeOneRun) {
   EXPECT_EQ(0xCBF43926u, Crc32("123456789", 9));
-  const std::string a = "first part", b = "and the second";
-  EXPECT_EQ(Crc32((a + b).data(), a.size() + b.size()),
-            Crc32Combine(Crc32(a.data(), a.size()), Crc32(b.data(), b.size()), b.size()));
+  std::string data((1 << 20) + 45, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 2654435761u) >> 13);
+  for (size_t offset : {0, 1, 7}) {
+    for (size_t size = 0; size <= 300; ++size) {
+      ASSERT_EQ(BitwiseCrc(&data[offset], size), Crc32(&data[offset], size)) << offset << " " << size;
+    }
+  }
+  const uint32_t whole = Crc32(data.data(), data.size());
+  EXPECT_EQ(BitwiseCrc(data.data(), data.size()), whole);
+  for (size_t split : {size_t{0}, size_t{63}, size_t{64}, size_t{1000}, data.size() - 17}) {
+    EXPECT_EQ(whole, Crc32Extend(Crc32(data.data(), split), &data[split], data.size() - split)) << split;
+    EXPECT_EQ(whole, Crc32Combine(Crc32(data.data(), split), Crc32(&data[split], data.size() - split),
+                                  data.size() - split));
+  }
 }
 
 TEST(McapCodecTest, ParsersRoundTripRejectEveryTruncationAndIgnoreAppendedFields) {
