@@ -73,6 +73,14 @@ bool ParseChunkHead(const char* p, size_t avail, uint64_t content_size, ChunkHea
   return h->records_offset <= content_size && h->records_size <= content_size - h->records_offset;
 }
 
+bool CheckChunkCrc(const ChunkHeader& h, const std::string& records, std::string* error) {
+  if (h.uncompressed_crc != 0 && Crc32(records.data(), records.size()) != h.uncompressed_crc) {
+    *error = "chunk CRC mismatch";
+    return false;
+  }
+  return true;
+}
+
 // Decompresses and checks a chunk's records from its header and stored bytes.
 bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* decompressor,
                  std::string* records, std::string* error) {
@@ -84,11 +92,7 @@ bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* de
                                 h.uncompressed_size, records, error)) {
     return false;
   }
-  if (h.uncompressed_crc != 0 && Crc32(records->data(), records->size()) != h.uncompressed_crc) {
-    *error = "chunk CRC mismatch";
-    return false;
-  }
-  return true;
+  return CheckChunkCrc(h, *records, error);
 }
 
 // Indexes the records of a decompressed chunk, learning the schemas and channels it
@@ -563,12 +567,14 @@ bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompress
       return false;
     }
   }
+  // Records stored as they are are read straight into place: nothing to decompress.
+  const bool plain = h.compression.empty() && h.records_size == h.uncompressed_size;
   const uint64_t stored_at = block.offset + kPrefixSize + h.records_offset;
-  if (!file.Read(stored_at, h.records_size, scratch)) {
+  if (!file.Read(stored_at, h.records_size, plain ? records : scratch)) {
     *error = "chunk cannot be read" + at;
     return false;
   }
-  if (!DecodeChunk(h, scratch->data(), decompressor, records, error)) {
+  if (plain ? !CheckChunkCrc(h, *records, error) : !DecodeChunk(h, scratch->data(), decompressor, records, error)) {
     *error += at;
     return false;
   }
