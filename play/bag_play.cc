@@ -216,7 +216,12 @@ void BagPlay::Reset() {
   pause_wall_ms_ = 0;
   play_time_ = 0;
   now_wall_ms_ = 0;
-  start_wall_ms_ = WallClockMs();
+  // The clock starts as the next millisecond begins (waited for here, under a millisecond):
+  // every later message goes out as its own millisecond begins, and the first one, due at
+  // once, would otherwise go out anywhere inside the current one, up to a millisecond later
+  // than the rest.
+  start_wall_ms_ = WallClockMs() + 1;
+  SleepUntilWallUs(WrapMul(start_wall_ms_, 1000));
 }
 
 void BagPlay::Sleep() {
