@@ -65,7 +65,7 @@ BagFileWriter::BagFileWriter(const BagFileName& name, const BagWriterOptions& op
       active_name_(name.Completed(0) + ".active"),  // what it will most likely be
       completed_name_(name.Completed(0)),
       compressor_(options.compression, options.zstd_level),
-      slot_of_channel_(kIds, -1) {
+      slot_of_channel_() {
   thread_ = std::thread(&BagFileWriter::Run, this);
 }
 
@@ -467,6 +467,9 @@ int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
     const uint64_t length = mcap::LoadU64(r + 1);
     if (static_cast<uint8_t>(r[0]) == mcap::kOpMessage) {
       const uint16_t channel = mcap::LoadU16(r + 9);
+      // Grown to the largest channel id seen: a table of every possible id would take a
+      // quarter of a megabyte a file, which splitting every few seconds fragments the heap with.
+      if (channel >= slot_of_channel_.size()) slot_of_channel_.resize(channel + size_t{1}, -1);
       int& slot = slot_of_channel_[channel];
       if (slot < 0) {
         slot = static_cast<int>(index_slots_.size());
