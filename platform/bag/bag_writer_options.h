@@ -27,8 +27,8 @@ struct BagWriterOptions {
 
   // A chunk is closed this long after its first message arrived, even if it is small, so
   // that a crash (kill -9) loses at most 100 ms of data: this, the recorder's 10 ms idle
-  // tick and the write, with room for a busy machine. Under heavy traffic chunks fill up long before; light traffic pays
-  // some bytes a chunk for it (docs/performance.md).
+  // tick and the write, with room for a busy machine. Under heavy traffic chunks fill up
+  // long before; light traffic pays some bytes a chunk for it (docs/performance.md).
   long chunk_duration_ms = 70;
 
   // Bytes of closed chunks a file writer may hold while the disk is behind (at least two

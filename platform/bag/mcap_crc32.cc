@@ -9,20 +9,9 @@
 namespace kelo {
 namespace mcap {
 
+#if defined(__x86_64__)
 namespace {
 
-uint32_t Crc32Zlib(uint32_t crc, const unsigned char* data, size_t size) {
-  return static_cast<uint32_t>(crc32_z(crc, data, size));
-}
-
-#if defined(__x86_64__)
-
-// The CRC by carry-less multiplication, 16 bytes a step in four independent lanes: the
-// reader checks every chunk it reads, and zlib's table-driven CRC ran at a sixth of the
-// speed the page cache hands out bytes. The constants are x^(32*k) mod P for the folding
-// distances (512 and 128 bits, each minus 32 and plus 32), x^64 mod P for the last fold,
-// and P with its Barrett constant, all bit-reflected as zlib's CRC is.
-//
 #define KELO_FOLD_TARGET __attribute__((target("pclmul,sse4.1")))
 
 KELO_FOLD_TARGET inline __m128i Load(const unsigned char* at) {
@@ -35,6 +24,12 @@ KELO_FOLD_TARGET inline __m128i Fold(__m128i x, __m128i k, __m128i next) {
   return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, k, 0x00), _mm_clmulepi64_si128(x, k, 0x11)), next);
 }
 
+// The CRC by carry-less multiplication, 16 bytes a step in four independent lanes: the
+// reader checks every chunk it reads, and zlib's table-driven CRC ran at a sixth of the
+// speed the page cache hands out bytes. The constants are x^(32*k) mod P for the folding
+// distances (512 and 128 bits, each minus 32 and plus 32), x^64 mod P for the last fold,
+// and P with its Barrett constant, all bit-reflected as zlib's CRC is.
+//
 // Takes and returns the CRC register as it runs (not inverted), `size` a multiple of 16
 // and at least 64.
 KELO_FOLD_TARGET uint32_t FoldCrc32(uint32_t crc, const unsigned char* p, size_t size) {
@@ -74,9 +69,8 @@ bool HasFold() {
   return has;
 }
 
-#endif
-
 }  // namespace
+#endif
 
 uint32_t Crc32Extend(uint32_t crc, const void* data, size_t size) {
   const unsigned char* p = static_cast<const unsigned char*>(data);
@@ -88,7 +82,7 @@ uint32_t Crc32Extend(uint32_t crc, const void* data, size_t size) {
     size -= bulk;
   }
 #endif
-  return Crc32Zlib(crc, p, size);
+  return static_cast<uint32_t>(crc32_z(crc, p, size));
 }
 
 uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t size_b) {
