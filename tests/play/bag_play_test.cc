@@ -1,6 +1,5 @@
 #include "play/bag_play.h"
 
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 
 #include "output/tools_module_output.h"
 #include "platform/bag/bag_reader.h"
+#include "record/wall_clock.h"
 #include "tests/play/play_test_bags.h"
 
 namespace kelo {
@@ -23,13 +23,6 @@ using testing::ElementsAre;
 using testing_support::At;
 using testing_support::TempDir;
 using testing_support::WriteBag;
-
-// The wall clock as the player reads it: whole milliseconds since the epoch.
-int64_t WallMs() {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
-}
 
 // The codes of the steps up to the one that finds the player stopped.
 std::vector<int> StepToStop(BagPlay* play) {
@@ -49,7 +42,7 @@ struct PlaybackLog {
   std::vector<Delivery> deliveries;
   void Attach(BagPlay* play) {
     play->SetMessageCallback([this](long time, const std::string&, const std::string&, const std::string& data) {
-      deliveries.push_back({time, data, WallMs()});
+      deliveries.push_back({time, data, WallClockMs()});
     });
     play->SetTimelineInfoCallback([](bool, long, double, double) {});
   }
@@ -97,15 +90,15 @@ TEST(BagPlayTest, PortsGetTheirTopicsPayloadsAndBelongToThePlayer) {
 // pause shifts every later batch by its length.
 TEST(BagPlayTest, EveryBatchWaitsUntilItIsDueAndAPauseDelaysTheRest) {
   Player p({5000, 5001, 5010, 5010, 5030, 5031, 5070});
-  const int64_t before_play = WallMs();
+  const int64_t before_play = WallClockMs();
   ASSERT_TRUE(p.play.ControlPlay(0, 0));
   for (int i = 0; i < 4; ++i) ASSERT_EQ(p.Step(), 0);  // up to 5030
   ASSERT_TRUE(p.play.ControlPause(true));
-  const int64_t paused_at_most = WallMs();
+  const int64_t paused_at_most = WallClockMs();
   EXPECT_EQ(p.Step(), 3);
   usleep(100 * 1000);
   EXPECT_EQ(p.Step(), 3);
-  const int64_t pause = WallMs() - paused_at_most;
+  const int64_t pause = WallClockMs() - paused_at_most;
   ASSERT_TRUE(p.play.ControlPause(false));
   StepToStop(&p.play);
   ASSERT_EQ(p.log.deliveries.size(), 7u);
@@ -128,7 +121,7 @@ TEST(BagPlayTest, SingleStepPublishesOneBatchWhilePausedAcrossARewind) {
   }
   EXPECT_THAT(p.log.times(), ElementsAre(1000, 2000, 2000, 3000, 3030, 1000, 2000, 2000, 3000));
   ASSERT_TRUE(p.play.ControlLoop(false));
-  const int64_t resumed_at_least = WallMs();
+  const int64_t resumed_at_least = WallClockMs();
   ASSERT_TRUE(p.play.ControlPause(false));
   EXPECT_THAT(StepToStop(&p.play), ElementsAre(0, 1));
   ASSERT_EQ(p.log.deliveries.size(), 10u);

@@ -20,17 +20,13 @@
 #include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_notice.h"
 #include "platform/trigger/trigger_sender.h"
+#include "record/wall_clock.h"
 
 namespace kelo {
 namespace {
 
 const fileio::DirectoryPath kDir("/rec");
 constexpr int kWaitMs = 20000;  // generous for sanitizer builds; success ends the wait early
-
-long WallClockMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // The notices nodes were given: "node notice", with when they came.
 class NoticeLog {
