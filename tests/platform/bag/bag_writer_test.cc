@@ -15,6 +15,7 @@
 #include "platform/bag/mcap_crc32.h"
 #include "platform/bag/mcap_records.h"
 #include "tests/support/bag_files.h"
+#include "tests/support/subprocess.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
@@ -41,12 +42,6 @@ class SmallDisk {
   const bool mounted_;
 };
 
-// Polls (1 ms steps, at most 10 s) until `done` holds.
-template <typename Done>
-void WaitUntil(Done done) {
-  for (int i = 0; i < 10000 && !done(); ++i) usleep(1000);
-}
-
 std::string Datas(const std::string& file) {
   std::string out;
   for (const BagMessage& m : ReadAll(file)) out += m.data + " ";
@@ -62,11 +57,11 @@ TEST(BagWriterTest, NamesEachPartAfterItsIndexAndNeverReplacesAFileThatExistsOrA
   BagWriter writer(fileio::FilePath(base + ".kelobag.active"));
   writer.open("0");
   writer.append_message(1000, 1001, "/imu", "a", "kelo.Imu");
-  WaitUntil([&] { return Exists(base + "_0.kelobag.active"); });
+  WaitFor([&] { return Exists(base + "_0.kelobag.active"); }, 10000);
   EXPECT_EQ(base + "_0.kelobag.active", writer.active_file());
   EXPECT_EQ(base + "_0.kelobag", writer.save_file("1"));
   writer.append_message(2000, 2001, "/gps", "b", "kelo.Gps");
-  WaitUntil([&] { return Exists(base + "_1-1.kelobag.active"); });
+  WaitFor([&] { return Exists(base + "_1-1.kelobag.active"); }, 10000);
   WriteFile(base + "_1-1.kelobag", "appeared");
   EXPECT_EQ(base + "_1-2.kelobag", writer.close());
   EXPECT_EQ("", writer.active_file());
@@ -124,12 +119,12 @@ TEST(BagWriterTest, AFullDiskLosesOnlyWhatItMustCountsItAndWritingResumes) {
   BagWriter writer(fileio::FilePath(dir.file("bag.kelobag.active")), options);
   testing::internal::CaptureStderr();
   for (int i = 0; i < 600; ++i) writer.append_message(i, i, i % 2 ? "/odd" : "/even", Noise(10000, i), "T");
-  WaitUntil([&] { return !writer.problems().empty(); });  // 6 MB into what is left of 4 MB
+  WaitFor([&] { return !writer.problems().empty(); }, 10000);  // 6 MB into what is left of 4 MB
   EXPECT_THAT(writer.problems(), HasSubstr("disk full: cannot write"));
   const std::string first = writer.save_file("1");
   writer.append_message(600, 600, "/odd", "tiny", "T");  // waits in memory for space
   ASSERT_EQ(0, ::unlink(dir.file("filler").c_str()));
-  WaitUntil([&] { return writer.problems().empty(); });
+  WaitFor([&] { return writer.problems().empty(); }, 10000);
   EXPECT_EQ("", writer.problems());
   for (int i = 0; i < 20; ++i) writer.append_message(i, i, "/even", "after", "T");
   const std::string last = writer.close();
@@ -154,11 +149,12 @@ TEST(BagWriterTest, AFolderRemovedWhileWritingLosesItsFileAndANewOneBeginsWhenIt
   BagWriter writer(fileio::FilePath(folder + "/bag.kelobag.active"), options);
   writer.append_message(1, 1, "/a", "first", "T");
   struct stat st;
-  WaitUntil([&] { return ::stat((folder + "/bag.kelobag.active").c_str(), &st) == 0 && st.st_size >= 100; });
+  WaitFor([&] { return ::stat((folder + "/bag.kelobag.active").c_str(), &st) == 0 && st.st_size >= 100; },
+          10000);
   testing::internal::CaptureStderr();
   ASSERT_EQ(0, std::system(("rm -rf '" + folder + "'").c_str()));
   writer.append_message(2, 2, "/a", "second", "T");
-  WaitUntil([&] { return !writer.problems().empty(); });
+  WaitFor([&] { return !writer.problems().empty(); }, 10000);
   EXPECT_THAT(writer.problems(), HasSubstr("write error"));
   ASSERT_EQ(0, ::mkdir(folder.c_str(), 0755));
   writer.append_message(3, 3, "/a", "third", "T");
@@ -238,7 +234,7 @@ TEST(BagWriterTest, EveryPartCarriesTheRecordingInfoFromItsStartOnce) {
   writer.open("0");
   writer.append_message(1, 1, "/t", "first", "T");
   const std::string active = dir.file("r_0.kelobag.active");
-  WaitUntil([&] { return BagReader(active).count() == 1; });
+  WaitFor([&] { return BagReader(active).count() == 1; }, 10000);
   const std::vector<BagMetadata> unfinished = BagReader(active).metadata();
   ASSERT_EQ(1u, unfinished.size());
   EXPECT_EQ(BagWriterOptions::kRecordingMetadataName, unfinished[0].name);
