@@ -116,29 +116,20 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   }
 }
 
-// Catches an odd number of per-channel indexes merged out of order, and topics without messages unlisted.
-TEST(BagReaderTest, ThreeTopicsTakingTurnsInOneChunkComeBackInOrderAndQuietTopicsAreListed) {
+// Catches a topic without messages unlisted: one declared before the first message, one after the last.
+TEST(BagReaderTest, TopicsWithoutMessagesAreListed) {
   TempDir dir;
-  BagWriter writer(fileio::FilePath(dir.file("turns.kelobag.active")));
+  BagWriter writer(fileio::FilePath(dir.file("quiet.kelobag.active")));
   writer.append_topic("/quiet", "Q");
-  std::vector<std::string> written;
-  for (int i = 0; i < 30; ++i) {
-    const std::string topic = "/t" + std::to_string(i % 3);
-    writer.append_message(1000 + i, 0, topic, std::to_string(i), "T");
-    written.push_back(topic + " " + std::to_string(i));
-  }
+  writer.append_message(1000, 0, "/t", "x", "T");
   writer.append_topic("/late", "L");  // after the last message: it goes into the file's tail
-  BagReader reader(writer.close());
-  std::vector<std::string> read;
-  for (; !reader.eof(); reader.next()) read.push_back(reader.read()->topic + " " + reader.read()->data);
-  EXPECT_EQ(written, read);
   std::vector<std::string> topics;
-  for (const auto& t : reader.topics()) topics.push_back(t->name);
-  EXPECT_NE(std::find(topics.begin(), topics.end(), "/quiet"), topics.end());
-  EXPECT_NE(std::find(topics.begin(), topics.end(), "/late"), topics.end());
+  for (const auto& t : BagReader(writer.close()).topics()) topics.push_back(t->name);
+  EXPECT_THAT(topics, testing::UnorderedElementsAre("/quiet", "/t", "/late"));
 }
 
-// Catches time order lost across chunks that overlap in time, and ties taken out of write order.
+// Catches time order lost across chunks that overlap in time, ties taken out of write order, and
+// the indexes of an odd number of channels in one chunk merged out of order.
 TEST(BagReaderTest, GivesMessagesInTimeOrderAcrossOverlappingChunksWithTiesInWriteOrder) {
   TempDir dir;
   std::vector<BagMessage> written;
