@@ -30,11 +30,9 @@ class DemoOptions : public ToolsOptions {
     set_alias("verbose", "V");
     set_inner("secret");
     set_inner("tag");
-    if (clash) set_alias("verbose", "n");
   }
   void load_opts() override { ++loads; }
   int loads = 0;
-  bool clash = false;
 };
 
 Result Parse(ToolsOptions* options, std::vector<const char*> args) {
@@ -99,14 +97,6 @@ TEST(ToolsOptionsTest, BadCommandLinesFailWithOneLineNamingTheOption) {
     EXPECT_EQ(opt.error().find('\n'), std::string::npos);
     EXPECT_EQ(std::make_pair(opt.exit_code(), opt.loads), std::make_pair(2, 0));
   }
-}
-
-// An alias taken twice is the tool author's mistake: catches it escaping as an exception.
-TEST(ToolsOptionsTest, ConflictingRegistrationFailsCleanly) {
-  DemoOptions opt;
-  opt.clash = true;
-  EXPECT_EQ(Parse(&opt, {"-V"}), Result::kFailed);
-  EXPECT_THAT(opt.error(), HasSubstr("demo: "));
 }
 
 }  // namespace
