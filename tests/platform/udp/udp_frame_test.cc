@@ -11,22 +11,18 @@
 
 #include "platform/udp/udp_message.h"
 #include "platform/udp/udp_reassembler.h"
+#include "tests/support/bag_files.h"
 
 namespace kelo {
 namespace {
+
+using testing_support::Noise;
 
 std::vector<std::string> Frames(uint32_t id, const std::string& key, const std::string& body,
                                 size_t max_datagram = 1472, uint32_t sender = 7, uint32_t reply_to = 0) {
   std::vector<std::string> d;
   EXPECT_TRUE(EncodeUdpFrames(sender, id, reply_to, key, body, max_datagram, &d));
   return d;
-}
-
-std::string Pattern(size_t size, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(size, '\0');
-  for (char& c : s) c = static_cast<char>(rng());
-  return s;
 }
 
 void Put(std::string* d, size_t at, int width, uint32_t v) {
@@ -43,7 +39,7 @@ TEST(UdpFrameTest, BodiesAroundTheDatagramLimitSplitIntoFullDatagramsAndComeBack
   for (size_t max_datagram : {kUdpMinDatagramBytes, size_t{1472}, kUdpMaxDatagramBytes}) {
     const size_t cap = max_datagram - kUdpFrameHeaderBytes - 3;
     for (size_t size : {size_t{0}, size_t{1}, cap - 1, cap, cap + 1, 2 * cap, 2 * cap + 1, size_t{150000}}) {
-      const std::string body = Pattern(size, static_cast<uint32_t>(size));
+      const std::string body = Noise(size, static_cast<unsigned>(size));
       const std::vector<std::string> datagrams = Frames(9, "key", body, max_datagram);
       ASSERT_EQ(datagrams.size(), size == 0 ? 1 : (size + cap - 1) / cap) << size << " in " << max_datagram;
       std::string joined;
@@ -68,14 +64,14 @@ TEST(UdpFrameTest, BodiesAroundTheDatagramLimitSplitIntoFullDatagramsAndComeBack
 // Catches reads past a short datagram and header fields trusted against its real size.
 TEST(UdpFrameTest, TruncatedForeignAndContradictoryDatagramsAreToldApart) {
   for (const std::string& d :
-       {Frames(1, "key", "body")[0], Frames(1, "", "")[0], Frames(1, "k", Pattern(3000, 1))[1]}) {
+       {Frames(1, "key", "body")[0], Frames(1, "", "")[0], Frames(1, "k", Noise(3000, 1))[1]}) {
     for (size_t cut = 0; cut < d.size(); ++cut) EXPECT_NE(Parse(d, cut), UdpFrameStatus::kOk) << cut;
     EXPECT_EQ(Parse(d), UdpFrameStatus::kOk);
     EXPECT_NE(Parse(d + "x"), UdpFrameStatus::kOk);
   }
   // Five bytes of a frame whose sixth, outside it, would be a bad flag.
   EXPECT_EQ(Parse(std::string("KCST\x01\x01", 6), 5), UdpFrameStatus::kMalformed);
-  const std::string valid = Frames(1, "key", Pattern(3000, 2))[0];  // fragment 0 of 3
+  const std::string valid = Frames(1, "key", Noise(3000, 2))[0];  // fragment 0 of 3
   const UdpFrameStatus kMagic = UdpFrameStatus::kBadMagic, kVersion = UdpFrameStatus::kBadVersion,
                        kBad = UdpFrameStatus::kMalformed;
   // Field offsets: 0 magic, 4 version, 5 flags, 6 key size, 20 body size, 24 index, 26 count.
@@ -105,7 +101,7 @@ class UdpReassemblerTest : public testing::Test {
 
 // Catches fragments placed by arrival order, senders behind one port mixed, reply ids lost.
 TEST_F(UdpReassemblerTest, FragmentsInAnyOrderAndInterleavedAcrossSendersComeBackWhole) {
-  const std::string a = Pattern(10000, 3), b = Pattern(7777, 4);
+  const std::string a = Noise(10000, 3), b = Noise(7777, 4);
   std::vector<std::string> fa = Frames(5, "a", a, 1472, 1, 9), fb = Frames(5, "b", b, 1472, 2);
   std::reverse(fa.begin(), fa.end());
   std::shuffle(fb.begin(), fb.end(), std::mt19937(5));
@@ -126,7 +122,7 @@ TEST_F(UdpReassemblerTest, FragmentsInAnyOrderAndInterleavedAcrossSendersComeBac
 // Catches a message delivered twice, and fragments of another key, reply or split merged in.
 TEST_F(UdpReassemblerTest, RepeatedOrMismatchedFragmentsAreDroppedAndCounted) {
   UdpReassembler r;
-  const std::string body = Pattern(3000, 6);
+  const std::string body = Noise(3000, 6);
   std::vector<std::string> f = Frames(1, "k", body);  // 3 fragments
   for (const std::string& d : {f[0], f[0], Frames(1, "x", body)[1], Frames(1, "k", body, 1472, 7, 5)[1],
                                Frames(1, "k", body + "!")[1], Frames(1, "k", body, 1000)[1], f[1], f[1]})
@@ -147,7 +143,7 @@ TEST_F(UdpReassemblerTest, APartialMessageIsAbandonedOnlyAfterTheTimeoutSinceIts
   UdpReassemblyLimits limits;
   limits.timeout_ms = 1000;
   UdpReassembler r(limits);
-  const std::vector<std::string> f = Frames(1, "k", Pattern(5000, 8));  // 4 fragments
+  const std::vector<std::string> f = Frames(1, "k", Noise(5000, 8));  // 4 fragments
   ASSERT_FALSE(Add(&r, f[0], 0));
   ASSERT_FALSE(Add(&r, f[1], 900));
   r.Expire(1899);
@@ -166,7 +162,7 @@ TEST_F(UdpReassemblerTest, MemoryStaysWithinTheLimitsWhateverArrivesAndNewMessag
   limits.max_pending_messages = 16;
   UdpReassembler r(limits);
   std::string big = Frames(1, "k", std::string(kUdpMaxBodyBytes, 'x'), kUdpMaxDatagramBytes)[0];
-  std::string small = Frames(1, "k", Pattern(2000, 11))[0];
+  std::string small = Frames(1, "k", Noise(2000, 11))[0];
   for (uint32_t id = 1; id <= 300; ++id) {
     std::string& d = id <= 200 ? big : small;
     Put(&d, 12, 4, id);
@@ -175,7 +171,7 @@ TEST_F(UdpReassemblerTest, MemoryStaysWithinTheLimitsWhateverArrivesAndNewMessag
     ASSERT_LE(r.stats().pending_messages, limits.max_pending_messages);
   }
   // A newcomer evicts the oldest, whether the count (3000 bytes) or the bytes are short.
-  for (const std::string& body : {Pattern(3000, 9), Pattern(100000, 9)}) {
+  for (const std::string& body : {Noise(3000, 9), Noise(100000, 9)}) {
     bool complete = false;
     for (const std::string& d : Frames(5000 + body.size(), "k", body)) complete = Add(&r, d, 400);
     ASSERT_TRUE(complete) << body.size();
