@@ -425,6 +425,9 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_EQ("v1", line["type"].asString());
   EXPECT_EQ("\"c\"", line["preview"].asString());
   EXPECT_EQ(1, line["size"].asInt());
+  const RunResult none = KeloBag(dir, {"cat", "--topics", "/none", first});
+  EXPECT_EQ(2, none.code);
+  EXPECT_EQ("cat: no topic of the bags is selected by --topics and --exclude\n", none.err);
   BagWriter quoted(fileio::FilePath(dir.file("quoted.kelobag.active")));
   quoted.append_message(1700000000000, 0, "/q", "say \"hi\" \\o/", "T");
   EXPECT_THAT(KeloBag(dir, {"cat", quoted.close()}).out, HasSubstr(" \"say \\\"hi\\\" \\\\o/\"\n"));

@@ -116,6 +116,27 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   }
 }
 
+// Catches a chunk index that points outside the data trusted: the file is read by scanning instead.
+TEST(BagReaderTest, AChunkIndexPointingOutsideTheDataIsNotTrusted) {
+  TempDir dir;
+  const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
+  const auto records = Records(bag.bytes);
+  const size_t at = std::find_if(records.begin(), records.end(), [](const auto& r) {
+                      return r.first == mcap::kOpChunkIndex;
+                    })->second;
+  // Its chunk at the file's magic, or longer than the file.
+  for (const auto& [field, value] : std::vector<std::pair<size_t, uint64_t>>{{16, 0}, {24, uint64_t{1} << 40}}) {
+    std::string bytes = bag.bytes, stored;
+    std::fill_n(&bytes[bytes.size() - 12], 4, '\0');  // no summary CRC
+    mcap::PutU64(&stored, value);
+    bytes.replace(at + mcap::kPrefixSize + field, 8, stored);
+    WriteFile(dir.file("outside.kelobag"), bytes);
+    BagReader reader(dir.file("outside.kelobag"));
+    EXPECT_EQ(bag.messages.size(), reader.count()) << field;
+    EXPECT_THAT(reader.get_error(), testing::HasSubstr("chunk index points outside the data")) << field;
+  }
+}
+
 // Catches a topic without messages unlisted: one declared before the first message, one after the last.
 TEST(BagReaderTest, TopicsWithoutMessagesAreListed) {
   TempDir dir;

@@ -148,9 +148,15 @@ TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAnd
   EXPECT_THAT(refusal(&sender, "future", now + 60500),
               testing::MatchesRegex("dated (59|60) s ahead of this node's clock\\|"));
   EXPECT_EQ("ends in 7|", refusal(&sender, "owner", now - 993));
-  const std::string twice = "|nothing for " + TriggerNotice{now, "twice"}.ToText();
-  EXPECT_EQ(twice, refusal(&sender, "twice", now));
-  EXPECT_EQ(twice, refusal(&sender, "twice", now));
+  // The same trigger from another sender while it is pending, and again once it is done: one
+  // notice, and every sender told what came of it.
+  const long soon = (WallClockMs() + 400) / 10 * 10;
+  const std::string twice = "|nothing for " + TriggerNotice{soon, "twice"}.ToText();
+  TriggerSender retrier(Quick());
+  std::thread retry([&] { EXPECT_EQ(twice, refusal(&retrier, "twice", soon)); });
+  EXPECT_EQ(twice, refusal(&sender, "twice", soon));
+  retry.join();
+  EXPECT_EQ(twice, refusal(&sender, "twice", soon));
   EXPECT_EQ(1u, log.With("twice").size());
   for (const char* label : {"saves", "throws"}) {
     const std::vector<TriggerSender::NodeResult> r = sender.Send(label, now - 4000, kWaitMs);
