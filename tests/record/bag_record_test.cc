@@ -285,7 +285,14 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   log.Release();
   appender.join();
   EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
-  testing::internal::GetCapturedStdout();
+  // Every round of the save thread, the one a callback began again included, says that it runs and that it ends.
+  const std::string console = testing::internal::GetCapturedStdout();
+  const auto count = [&](const std::string& line) {
+    size_t n = 0;
+    for (size_t at = console.find(line); at != std::string::npos; at = console.find(line, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("save thread running\n"), count("save thread exit\n")) << console;
 }
 
 }  // namespace
