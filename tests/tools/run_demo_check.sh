@@ -11,7 +11,7 @@ if [ ! -d "$here/../interop/node_modules/@mcap/core" ]; then
   echo "tests/interop/node_modules is missing: run 'npm ci' in tests/interop" >&2
   exit 1
 fi
-rm -rf "$work" "$work.log"
+rm -rf "$work" "$work.log" "$work.full.log"
 "$tool" demo "$work" > "$work.log"
 grep -q "^demo done: " "$work.log"
 # "the recorder received N messages (...), none lost" or "...; D of them lost: ..."
@@ -26,3 +26,9 @@ read -r bag duration < <(sed -n 's/^== kelo_bag play \(.*\) --duration \([0-9]*\
 played=$(sed -n 's/^played \([0-9]*\) messages.*/\1/p' "$work.log")
 expected=$("$tool" cat --duration "$duration" "$bag" | wc -l)
 [ "$played" = "$expected" ] || { echo "the demo played $played messages of the $expected in its range" >&2; exit 1; }
+# On a disk too small for it, the demo loses messages: it must say so and fail.
+mkdir -p "$work.full" && mount -t tmpfs -o size=1m tmpfs "$work.full"
+code=0; "$tool" demo "$work.full/demo" > "$work.full.log" 2>&1 || code=$?
+umount "$work.full"
+[ $code = 1 ] && grep -q "^demo done with problems: " "$work.full.log" ||
+  { echo "on a full disk the demo exited $code and said: $(grep '^demo' "$work.full.log")" >&2; exit 1; }
