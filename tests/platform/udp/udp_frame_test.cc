@@ -177,6 +177,15 @@ TEST_F(UdpReassemblerTest, MemoryStaysWithinTheLimitsWhateverArrivesAndNewMessag
     ASSERT_TRUE(complete) << body.size();
     EXPECT_EQ(message_.body(), body);
   }
+  // Completed messages are kept in mind to refuse repeats up to their own limit, the oldest
+  // forgotten first.
+  limits.remembered_messages = 4;
+  UdpReassembler memory(limits);
+  std::vector<std::string> ones;
+  for (uint32_t id = 1; id <= 5; ++id) ones.push_back(Frames(id, "k", "one")[0]);
+  for (const std::string& d : ones) ASSERT_TRUE(Add(&memory, d));
+  EXPECT_FALSE(Add(&memory, ones[4]));
+  EXPECT_TRUE(Add(&memory, ones[0]));
 }
 
 }  // namespace
