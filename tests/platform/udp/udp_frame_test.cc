@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 #include <tuple>
@@ -89,6 +90,31 @@ TEST(UdpFrameTest, TruncatedForeignAndContradictoryDatagramsAreToldApart) {
   std::string empty = Frames(1, "key", "")[0];  // an empty body is one fragment
   Put(&empty, 26, 2, 2);
   EXPECT_EQ(Parse(empty), kBad);
+}
+
+// Catches a read that takes a stream cut short, or moves its cursor when it fails.
+TEST(MemoryStreamTest, EveryReadRefusesAStreamCutShortAndTakesAWholeOne) {
+  const std::vector<std::pair<size_t, std::function<bool(MemoryStream*)>>> reads = {
+      {1, [](MemoryStream* s) { uint8_t v; return s->read_uint8(&v); }},
+      {2, [](MemoryStream* s) { uint16_t v; return s->read_uint16(&v); }},
+      {4, [](MemoryStream* s) { uint32_t v; return s->read_uint32(&v); }},
+      {4, [](MemoryStream* s) { int32_t v; return s->read_int32(&v); }},
+      {8, [](MemoryStream* s) { uint64_t v; return s->read_uint64(&v); }},
+      {8, [](MemoryStream* s) { int64_t v; return s->read_int64(&v); }},
+      {8, [](MemoryStream* s) { double v; return s->read_double(&v); }},
+      {7, [](MemoryStream* s) { std::string v; return s->read_string(&v); }},  // "abc" after its length
+      {5, [](MemoryStream* s) { std::string v; return s->read_bytes(5, &v); }}};
+  for (const auto& [width, read] : reads) {
+    const std::string whole = std::string("\x03\0\0\0abc\0", 8).substr(0, width);
+    for (size_t cut = 0; cut < width; ++cut) {
+      MemoryStream in(whole.substr(0, cut));
+      EXPECT_FALSE(read(&in)) << width << " cut to " << cut;
+      EXPECT_EQ(in.read_position(), 0u);
+    }
+    MemoryStream in(whole);
+    EXPECT_TRUE(read(&in)) << width;
+    EXPECT_EQ(in.remaining(), 0u) << width;
+  }
 }
 
 class UdpReassemblerTest : public testing::Test {
