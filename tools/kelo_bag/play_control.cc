@@ -27,7 +27,14 @@ bool PlayControl::loop() const {
 }
 
 bool PlayControl::Apply(Key key) {
+  if (key == Key::kQuit) return false;
   std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
+  // A key acts between two steps, after the step under way. The stepping thread gives way
+  // while a key waits: a loop that takes the player's lock again at once would otherwise,
+  // on a busy machine, keep the key waiting for as long as playback runs.
+  key_waiting_.store(true);
+  std::lock_guard<std::mutex> between_steps(step_mutex_);
+  key_waiting_.store(false);
   switch (key) {
     case Key::kPause:
       // Pausing fails only when already paused: then this key resumes.
@@ -49,13 +56,13 @@ bool PlayControl::Apply(Key key) {
     case Key::kRight:
       return Seek(kSeekSeconds);
     case Key::kQuit:
-      return false;
+      break;
   }
   return false;
 }
 
 int PlayControl::Step() {
-  while (seeking_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  while (key_waiting_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   std::lock_guard<std::mutex> hold(step_mutex_);
   return play_->NotifyTimeline();
 }
@@ -72,11 +79,8 @@ bool PlayControl::Seek(int delta_s) {
   int target = position_s + delta_s;
   if (target < start_s_) target = start_s_;
   if (target >= end_s) return false;  // nothing would be left to play
-  // The player seeks only while paused, and runs after a seek: keep the user's choice, with
-  // no step in between that would play on while it should be paused.
-  seeking_.store(true);
-  std::lock_guard<std::mutex> no_step(step_mutex_);
-  seeking_.store(false);
+  // The player seeks only while paused, and runs after a seek: keep the user's choice (no
+  // step comes in between, Apply holds the step lock).
   const bool was_paused = !play_->ControlPause(true);
   if (!play_->ControlSeek(target, duration_s_ > 0 ? start_s_ + duration_s_ - target : 0)) return false;
   if (was_paused) play_->ControlPause(true);

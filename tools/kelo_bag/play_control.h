@@ -42,7 +42,7 @@ class PlayControl {
   bool Apply(Key key);
 
   // One step of the player (BagPlay::NotifyTimeline). The stepping thread steps through
-  // here, so that a seek, which runs the player for a moment, happens between two steps.
+  // here, so that a key acts between two steps, after the step under way at the latest.
   int Step();
 
   bool loop() const;
@@ -61,8 +61,8 @@ class PlayControl {
   double range_s_ = 0;    // length of the range in force
   bool loop_ = false;
   std::mutex apply_mutex_;            // one key at a time
-  std::mutex step_mutex_;             // held by a step, and by a seek from start to end
-  std::atomic<bool> seeking_{false};  // a seek waits for step_mutex_: let it in first
+  std::mutex step_mutex_;                 // held by a step, and by a key from start to end
+  std::atomic<bool> key_waiting_{false};  // a key waits for step_mutex_: let it in first
 };
 
 }  // namespace cli
