@@ -370,6 +370,21 @@ bool ChunkStartsAt(SequentialReader* in, uint64_t pos, uint64_t size) {
          (h.compression.empty() || h.compression == "zstd" || h.compression == "lz4");
 }
 
+// The first place in `w[0, n)` where a chunk or the end of the data may begin (the end of
+// the data: its opcode and a length of 4); `n` when there is none. `w` holds a record
+// prefix beyond each place. memchr keeps a long damaged stretch cheap to cross.
+uint64_t NextCandidate(const char* w, uint64_t n) {
+  const char* chunk = static_cast<const char*>(std::memchr(w, kOpChunk, n));
+  const uint64_t limit = chunk == nullptr ? n : static_cast<uint64_t>(chunk - w);
+  for (uint64_t i = 0; i < limit; ++i) {
+    const char* end = static_cast<const char*>(std::memchr(w + i, kOpDataEnd, limit - i));
+    if (end == nullptr) break;
+    i = static_cast<uint64_t>(end - w);
+    if (LoadU64(end + 1) == 4) return i;
+  }
+  return limit;
+}
+
 // The offset of the next record at or after `from` that a scan can go on with: a chunk that
 // reads soundly, or the end of the data; `size` when there is none.
 uint64_t Resync(SequentialReader* in, uint64_t from, uint64_t size) {
@@ -378,11 +393,7 @@ uint64_t Resync(SequentialReader* in, uint64_t from, uint64_t size) {
     // The places a record may begin, a window at a time: a damaged stretch can be long.
     const uint64_t n = std::min<uint64_t>(size - kPrefixSize + 1 - pos, uint64_t{64} << 10);
     const char* w = in->Get(pos, n + kPrefixSize - 1);
-    uint64_t i = 0;
-    for (; i < n; ++i) {
-      const uint8_t op = static_cast<uint8_t>(w[i]);
-      if (op == kOpChunk || (op == kOpDataEnd && LoadU64(w + i + 1) == 4)) break;
-    }
+    const uint64_t i = NextCandidate(w, n);
     if (i == n) {
       pos += n;
       continue;
