@@ -20,6 +20,10 @@ namespace {
 constexpr uint64_t kNanosPerMilli = 1000000;
 // Decompressed chunks kept for reuse: enough for a merge across a few overlapping chunks.
 constexpr size_t kCachedChunks = 4;
+// A message whose record runs to the end of a chunk stored without compression, and whose
+// payload is at least this large, is read straight into the string it is handed out in.
+constexpr uint64_t kInPlaceBytes = 32 << 10;
+constexpr uint32_t kNoBlock = std::numeric_limits<uint32_t>::max();
 
 long ToMillis(uint64_t nanos) { return static_cast<long>(nanos / kNanosPerMilli); }
 
@@ -47,11 +51,23 @@ struct BagReader::Rep {
   std::string scratch;
   std::string loose_record;  // the record of a message outside chunks
 
+  // A large message read in place: the cache entry of its chunk holds the records up to
+  // its payload, which waits here until read() hands it out.
+  std::string in_place_payload;
+  uint32_t in_place_block = kNoBlock;
+  uint32_t in_place_offset = 0;
+
   std::string Error() const;
 
   size_t valid_position = std::numeric_limits<size_t>::max();  // checked by Settle()
 
-  const std::string* Chunk(uint32_t block, std::string* why);
+  // The records of the chunk `ref` lies in, from the cache or the file.
+  const std::string* Chunk(const mcap::MessageRef& ref, std::string* why);
+  bool InPlace(const mcap::MessageRef& ref) const {
+    return ref.block == in_place_block && ref.offset == in_place_offset;
+  }
+  // Forgets the payload waiting to be handed out, with its chunk's cache entry.
+  void ForgetInPlace();
   // Finds the record of `ref` and checks it is the message the index promises.
   bool Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length, mcap::MessageHeader* header,
               const ChannelView** channel, std::string* why);
@@ -61,23 +77,48 @@ struct BagReader::Rep {
   void DropBlock(uint32_t block);
 };
 
-const std::string* BagReader::Rep::Chunk(uint32_t block, std::string* why) {
+const std::string* BagReader::Rep::Chunk(const mcap::MessageRef& ref, std::string* why) {
   for (auto it = cache.begin(); it != cache.end(); ++it) {
-    if (it->first == block) {
+    if (it->first == ref.block) {
       if (it != cache.begin()) cache.splice(cache.begin(), cache, it);
       return &cache.front().second;
     }
   }
   std::string records;
   if (cache.size() >= kCachedChunks) {
+    const uint32_t evicted = cache.back().first;
     records = std::move(cache.back().second);  // reuse its memory
     cache.pop_back();
+    if (evicted == in_place_block) ForgetInPlace();
   }
-  if (!mcap::LoadChunk(file, index.blocks[block], &decompressor, &records, &scratch, why)) {
+  const mcap::Block& block = index.blocks[ref.block];
+  std::string tail;
+  mcap::ChunkSplit split;
+  split.at = uint64_t{ref.offset} + mcap::kPrefixSize + mcap::kMessageHeaderSize;
+  split.tail = &tail;
+  const bool try_split = block.compression.empty() && block.length > split.at + kInPlaceBytes;
+  if (!mcap::LoadChunk(file, block, &decompressor, &records, &scratch, why, try_split ? &split : nullptr)) {
     return nullptr;
   }
-  cache.emplace_front(block, std::move(records));
+  if (split.done) {
+    const uint64_t length = mcap::LoadU64(records.data() + ref.offset + 1);
+    if (length == mcap::kMessageHeaderSize + tail.size()) {
+      if (in_place_block != kNoBlock) ForgetInPlace();
+      in_place_payload = std::move(tail);
+      in_place_block = ref.block;
+      in_place_offset = ref.offset;
+    } else {
+      records += tail;  // other records follow the message: keep the chunk whole
+    }
+  }
+  cache.emplace_front(ref.block, std::move(records));
   return &cache.front().second;
+}
+
+void BagReader::Rep::ForgetInPlace() {
+  cache.remove_if([this](const std::pair<uint32_t, std::string>& c) { return c.first == in_place_block; });
+  in_place_payload = std::string();
+  in_place_block = kNoBlock;
 }
 
 bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record, uint64_t* length,
@@ -97,10 +138,12 @@ bool BagReader::Rep::Locate(const mcap::MessageRef& ref, const char** record, ui
     p = loose_record.data();
     avail = loose_record.size();
   } else {
-    const std::string* records = Chunk(ref.block, why);
+    const std::string* records = Chunk(ref, why);
     if (records == nullptr) return false;
-    p = records->data() + ref.offset;
-    avail = records->size() - ref.offset;
+    // An index that points past the records (into a payload held apart) finds nothing.
+    const uint64_t at = std::min<uint64_t>(ref.offset, records->size());
+    p = records->data() + at;
+    avail = records->size() - at + (InPlace(ref) ? in_place_payload.size() : 0);
   }
   const uint64_t len = avail >= mcap::kPrefixSize ? mcap::LoadU64(p + 1) : 0;
   auto found = channels.end();
@@ -138,6 +181,7 @@ bool BagReader::Rep::Settle() {
 }
 
 void BagReader::Rep::DropBlock(uint32_t block) {
+  if (block == in_place_block) ForgetInPlace();
   auto& messages = index.messages;
   size_t before_position = 0;
   for (size_t i = 0; i < position && i < messages.size(); ++i) {
@@ -232,8 +276,12 @@ std::shared_ptr<BagMessage> BagReader::read() {
   message->type = channel->type;
   message->time = ToMillis(header.log_time);
   message->record_time = ToMillis(header.publish_time);
-  message->data.assign(record + mcap::kPrefixSize + mcap::kMessageHeaderSize,
-                       length - mcap::kMessageHeaderSize);
+  if (r.InPlace(r.index.messages[r.position])) {
+    message->data = std::move(r.in_place_payload);
+    r.ForgetInPlace();  // the chunk is read again if the message is wanted again
+  } else {
+    message->data.assign(record + mcap::kPrefixSize + mcap::kMessageHeaderSize, length - mcap::kMessageHeaderSize);
+  }
   r.current = std::move(message);
   r.current_position = r.position;
   return r.current;

@@ -554,7 +554,7 @@ bool TailIsIntact(const RandomAccessFile& file) {
 }  // namespace
 
 bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompressor* decompressor,
-               std::string* records, std::string* scratch, std::string* error) {
+               std::string* records, std::string* scratch, std::string* error, ChunkSplit* split) {
   const std::string at = " at byte " + std::to_string(block.offset);
   char head[kChunkHeadRead];
   const uint64_t head_size = std::min<uint64_t>(block.length, kChunkHeadRead);
@@ -581,6 +581,20 @@ bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompress
   // Records stored as they are are read straight into place: nothing to decompress.
   const bool plain = h.compression.empty() && h.records_size == h.uncompressed_size;
   const uint64_t stored_at = block.offset + kPrefixSize + h.records_offset;
+  if (split != nullptr) split->done = plain && split->at < h.records_size;
+  if (split != nullptr && split->done) {
+    if (!file.Read(stored_at, split->at, records) ||
+        !file.Read(stored_at + split->at, h.records_size - split->at, split->tail)) {
+      *error = "chunk cannot be read" + at;
+      return false;
+    }
+    const uint32_t crc = Crc32Extend(Crc32(records->data(), records->size()), split->tail->data(), split->tail->size());
+    if (h.uncompressed_crc != 0 && crc != h.uncompressed_crc) {
+      *error = "chunk CRC mismatch" + at;
+      return false;
+    }
+    return true;
+  }
   if (!file.Read(stored_at, h.records_size, plain ? records : scratch)) {
     *error = "chunk cannot be read" + at;
     return false;

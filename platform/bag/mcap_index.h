@@ -74,11 +74,20 @@ struct BagIndex {
 bool BuildIndex(const RandomAccessFile& file, ChunkDecompressor* decompressor, BagIndex* index,
                 std::string* error, bool summary_only = false);
 
+// Where a chunk's records are to be cut in two: those from byte `at` on go to `tail`, so
+// that a large message's payload can be read straight into the buffer it is handed out in.
+struct ChunkSplit {
+  uint64_t at = 0;
+  std::string* tail = nullptr;
+  bool done = false;  // set by LoadChunk: false when the chunk is compressed or ends before `at`
+};
+
 // Reads the chunk of `block`, checks its framing, decompresses it into `records` and
 // verifies its CRC. `scratch` holds the compressed bytes between calls. False with
-// `error` set when the chunk is damaged.
+// `error` set when the chunk is damaged. With `split`, a chunk stored without compression
+// is read in two parts, `records` ending where `split->tail` begins.
 bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompressor* decompressor,
-               std::string* records, std::string* scratch, std::string* error);
+               std::string* records, std::string* scratch, std::string* error, ChunkSplit* split = nullptr);
 
 }  // namespace mcap
 }  // namespace kelo
