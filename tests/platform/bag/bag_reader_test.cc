@@ -77,14 +77,10 @@ ChunkedBag MakeChunkedBag(const TempDir& dir, BagCompression compression) {
   return bag;
 }
 
-// Offsets of the top-level records of a bag, in file order.
-std::vector<std::pair<uint8_t, size_t>> Records(const std::string& bytes) {
-  std::vector<std::pair<uint8_t, size_t>> out;
-  for (size_t at = 8; at + mcap::kPrefixSize <= bytes.size() - 8;) {
-    out.emplace_back(static_cast<uint8_t>(bytes[at]), at);
-    at += mcap::kPrefixSize + mcap::LoadU64(bytes.data() + at + 1);
-  }
-  return out;
+// The offset of the first record of kind `op` at or after `at` (a record's start).
+size_t Find(const std::string& bytes, uint8_t op, size_t at = 8) {
+  while (static_cast<uint8_t>(bytes.at(at)) != op) at += mcap::kPrefixSize + mcap::LoadU64(bytes.data() + at + 1);
+  return at;
 }
 
 // Catches a zero opcode taken as sound where no CRC tells: in a scanned chunk, a message index, the summary.
@@ -93,17 +89,12 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
   const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
   for (uint8_t target : {mcap::kOpChunk, mcap::kOpMessageIndex, mcap::kOpChunkIndex}) {
     std::string bytes = bag.bytes;
-    const auto records = Records(bytes);
     std::fill_n(&bytes[bytes.size() - 12], 4, '\0');  // no summary CRC
-    const auto first = [&](uint8_t op) {
-      return std::find_if(records.begin(), records.end(), [&](const auto& r) { return r.first == op; })->second;
-    };
-    size_t at = first(target);
+    size_t at = Find(bytes, target);
     if (target == mcap::kOpChunk) {  // its first message, the chunk's CRC cleared, no summary
-      bytes.resize(first(mcap::kOpDataEnd));
+      bytes.resize(Find(bytes, mcap::kOpDataEnd));
       std::fill_n(&bytes[at + mcap::kPrefixSize + 24], 4, '\0');
-      at += mcap::kPrefixSize + 40;
-      while (bytes[at] != mcap::kOpMessage) at += mcap::kPrefixSize + mcap::LoadU64(bytes.data() + at + 1);
+      at = Find(bytes, mcap::kOpMessage, at + mcap::kPrefixSize + 40);
     }
     bytes[at] = 0;
     WriteFile(dir.file("zero.kelobag"), bytes);
@@ -120,10 +111,7 @@ TEST(BagReaderTest, AZeroOpcodeIsBrokenInAChunkInAMessageIndexAndInTheSummary) {
 TEST(BagReaderTest, AChunkIndexPointingOutsideTheDataIsNotTrusted) {
   TempDir dir;
   const ChunkedBag bag = MakeChunkedBag(dir, BagCompression::kNone);
-  const auto records = Records(bag.bytes);
-  const size_t at = std::find_if(records.begin(), records.end(), [](const auto& r) {
-                      return r.first == mcap::kOpChunkIndex;
-                    })->second;
+  const size_t at = Find(bag.bytes, mcap::kOpChunkIndex);
   // Its chunk at the file's magic, or longer than the file.
   for (const auto& [field, value] : std::vector<std::pair<size_t, uint64_t>>{{16, 0}, {24, uint64_t{1} << 40}}) {
     std::string bytes = bag.bytes, stored;
