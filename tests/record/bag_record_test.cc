@@ -14,9 +14,9 @@
 #include "platform/bag/bag_writer_options.h"
 #include "platform/fileio/file_extension.h"
 #include "record/bag_record.h"
-#include "record/bag_record_options.h"
 #include "tests/support/bag_files.h"
 #include "tests/support/report_log.h"
+#include "tests/support/subprocess.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
@@ -27,6 +27,7 @@ using testing_support::Noise;
 using testing_support::ReadAll;
 using testing_support::ReportLog;
 using testing_support::TempDir;
+using testing_support::WaitFor;
 
 const char kDropLine[] = "AppendMessage buffer exceeded and dropping oldest queued message. count = ";
 
@@ -204,10 +205,7 @@ TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
   constexpr int kMessages = 800;  // 800 KB: eight seconds of this disk
   for (int i = 0; i < kMessages; ++i) record.AppendMessage(i, "/a", "demo.A", Noise(1000, i));
   std::string file;
-  for (int i = 0; i < 10000 && (file.empty() || access(file.c_str(), F_OK) != 0); ++i) {
-    usleep(1000);
-    file = record.GetRecordMonitor()->current_file();
-  }
+  ASSERT_TRUE(WaitFor([&] { return testing_support::Exists(file = record.GetRecordMonitor()->current_file()); }, 10000));
   record.AppendMessage(kMessages, "/brand/new", "demo.New", "b");
   // Taken while the disk is still far behind, not once it caught up.
   struct stat st;
@@ -237,8 +235,7 @@ TEST(BagRecordTest, AStartFromACallbackDoesNotUndoAStopFromOutside) {
   std::thread stopper([&] { record.Stop(), stopped = true; });
   usleep(200000);  // the stop is under way, waiting for the save thread
   log.Release();
-  for (int ms = 0; ms < 10000 && !stopped; ++ms) usleep(1000);
-  ASSERT_TRUE(stopped) << "the stop never ends";  // (the joinable thread then ends the test)
+  ASSERT_TRUE(WaitFor([&] { return stopped.load(); }, 10000)) << "the stop never ends";  // (the joinable thread then ends the test)
   stopper.join();
 }
 
