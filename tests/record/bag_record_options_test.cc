@@ -1,5 +1,3 @@
-#include <sys/time.h>
-
 #include <cstdlib>
 #include <sstream>
 #include <ctime>
@@ -75,11 +73,7 @@ TEST(BagRecordOptTest, FileNamesGetTheLocalStampAndTheActiveSuffixOnce) {
   const char* old = std::getenv("TZ");
   const std::string old_tz = old != nullptr ? old : "";
   setenv("TZ", "KST-9", 1);
-  auto local_now = [] {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    return now.tv_sec + 9 * 3600;
-  };
+  const auto local_now = [] { return time(nullptr) + 9 * 3600; };
   // The output given, trigger mode, and what comes before and after the stamp (no stamp without an after).
   for (auto [output, trigger, before, after] : std::vector<std::tuple<std::string, bool, std::string, std::string>>{
            {"", false, "bag_", ".kelobag.active"},
