@@ -1,7 +1,6 @@
 #include <utime.h>
 
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,37 +13,24 @@
 #include "record/bag_record_options.h"
 #include "record/bag_record_writer.h"
 #include "record/wall_clock.h"
-#include "tests/support/bag_files.h"
+#include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing_support::ReadAll;
+using testing_support::ReportLog;
 using testing_support::TempDir;
 
 // Settings as load_opts() leaves them for a trigger-mode command line.
 void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*> args) {
   args.insert(args.begin(), "kelo_bag");
-  args.push_back("--trigger");
-  args.push_back("-o");
-  args.push_back(output.c_str());
+  args.insert(args.end(), {"--trigger", "-o", output.c_str()});
   EXPECT_EQ(opt->parse(static_cast<int>(args.size()), args.data()), ToolsOptions::ParseResult::kLoaded);
 }
 
 BagRecordWriter::Message At(long time) { return {time, time, "/t", "demo.T", std::to_string(time)}; }
-
-// The files the writer reports, on the trigger service's thread.
-struct Saved {
-  std::vector<std::string> get() {
-    std::lock_guard<std::mutex> hold(mutex);
-    return files;
-  }
-  std::mutex mutex;
-  std::vector<std::string> files;
-};
 
 void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
   std::ofstream(path) << std::string(bytes, 'x');
@@ -88,31 +74,27 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
   }
   BagRecordOpt opt;
   Load(&opt, dir.file("drive"), {"--reserve", "5", "--duration", "5", "--fs", "1"});
-  Saved saved;
-  std::vector<std::string> reports;
+  ReportLog saved, reports;  // the files saved come on the trigger service's thread
   {
     BagRecordTrigger writer(opt, fileio::FilePath(opt.output));
-    writer.set_on_save([&saved](const std::string& file) {
-      std::lock_guard<std::mutex> hold(saved.mutex);
-      saved.files.push_back(file);
-    });
-    writer.set_on_report([&](const std::string& line) { reports.push_back(line); });
+    writer.set_on_save(saved.sink());
+    writer.set_on_report(reports.sink());
     long now = WallClockMs();
     for (long t = now - 4000; t < now; t += 100) writer.save_message(At(t));
     TriggerSender sender;
     sender.Send("budget", now, 20000);
-    ASSERT_EQ(saved.get().size(), 1u);
+    ASSERT_EQ(saved.texts().size(), 1u);
     for (long again : {now - 3000, now}) {  // inside the window just saved: the same event, that file
       auto results = sender.Send("again", again, 20000);
       ASSERT_EQ(results.size(), 1u);
-      EXPECT_EQ(results[0].file, saved.get()[0]);
+      EXPECT_EQ(results[0].file, saved.texts()[0]);
     }
-    EXPECT_EQ(saved.get().size(), 1u);
+    EXPECT_EQ(saved.texts().size(), 1u);
   }
   auto deleted = [&](const char* name) {
     return "deleted " + dir.file(name) + " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget";
   };
-  EXPECT_THAT(reports, ElementsAre(deleted("drive_20200101000001_a.kelobag"), deleted("drive_20200101000002.kelobag")));
+  EXPECT_THAT(reports.texts(), ElementsAre(deleted("drive_20200101000001_a.kelobag"), deleted("drive_20200101000002.kelobag")));
   std::vector<std::string> names = dir.List();
   EXPECT_EQ(std::count(names.begin(), names.end(), "drive_20200101000003-1.kelobag"), 1);
   EXPECT_EQ(names.size(), 1u + 5u + 1u) << "the newest own bag, the others' files and the new bag";
