@@ -2,7 +2,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/fileio/file_extension.h"
