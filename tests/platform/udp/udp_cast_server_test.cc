@@ -1,11 +1,7 @@
 #include "platform/udp/udp_cast_server.h"
 
-#include <arpa/inet.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,35 +11,27 @@
 #include <gtest/gtest.h>
 
 #include "platform/udp/udp_frame.h"
+#include "tests/support/report_log.h"
+#include "tests/support/subprocess.h"
 
 namespace kelo {
 namespace {
 
 constexpr char kGroup[] = "224.0.0.88";
 
-bool Eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 10000 && !condition(); ++i) usleep(2000);
-  return condition();
-}
+bool Eventually(const std::function<bool()>& condition) { return testing_support::WaitFor(condition, 20000); }
 
 // Keeps "peer:port body" of what a callback was given, for the test thread to wait on.
-struct Inbox {
+struct Inbox : testing_support::ReportLog {
   UdpCastBase::Callback Collect() {
     return [this](const std::string& peer, int port, UdpMessage& m) {
-      std::lock_guard<std::mutex> hold(mu);
-      got.push_back(peer + ":" + std::to_string(port) + " " + m.body());
+      sink()(peer + ":" + std::to_string(port) + " " + m.body());
     };
   }
   std::vector<std::string> Wait(size_t count = 0) {
-    Eventually([&] {
-      std::lock_guard<std::mutex> hold(mu);
-      return got.size() >= count;
-    });
-    std::lock_guard<std::mutex> hold(mu);
-    return got;
+    Eventually([&] { return texts().size() >= count; });
+    return texts();
   }
-  std::mutex mu;
-  std::vector<std::string> got;
 };
 
 std::string From(const UdpCastServer& s) { return "127.0.0.1:" + std::to_string(s.endpoint_port()) + " "; }
