@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -38,20 +37,15 @@ class Playback {
     play_->output()->set_output_string_func([](const std::string&) {});
     control_.reset(new PlayControl(play_.get(), kBegin, start_s, duration_s));
     play_->SetTimelineInfoCallback([this](bool paused, long bag_time, double elapsed_s, double duration_s) {
-      const long shown = control_->OnTimeline(paused, bag_time, elapsed_s, duration_s);
-      std::lock_guard<std::mutex> hold(mutex_);
+      shown_ = control_->OnTimeline(paused, bag_time, elapsed_s, duration_s);
       paused_ = paused;
-      shown_ = shown;
       if (bag_time > 0) ++batches_;
     });
-    if (loop) {
-      EXPECT_TRUE(control_->Apply(Key::kLoop));
-    }
+    EXPECT_TRUE(!loop || control_->Apply(Key::kLoop));
     EXPECT_TRUE(play_->ControlPlay(start_s, duration_s));
     stepper_ = std::thread([this] {
-      while (!stop_.load()) {
-        const int code = control_->Step();
-        if (code != BagPlay::kPlayed) usleep(10000);
+      while (!stop_) {
+        if (control_->Step() != BagPlay::kPlayed) usleep(10000);
       }
     });
   }
@@ -61,29 +55,16 @@ class Playback {
   }
 
   PlayControl& control() { return *control_; }
-  bool paused() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return paused_;
-  }
-  // The bag time shown, in ms after the bag's beginning.
-  long shown() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return shown_ - kBegin;
-  }
-  long batches() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return batches_;
-  }
+  bool paused() { return paused_; }
+  long shown() { return shown_ - kBegin; }  // the bag time shown, in ms after the bag's beginning
+  long batches() { return batches_; }
 
  private:
   TempDir dir_;
   std::unique_ptr<BagPlay> play_;
   std::unique_ptr<PlayControl> control_;
-  std::mutex mutex_;
-  bool paused_ = true;
-  long shown_ = 0;
-  long batches_ = 0;
-  std::atomic<bool> stop_{false};
+  std::atomic<bool> paused_{true}, stop_{false};
+  std::atomic<long> shown_{0}, batches_{0};
   std::thread stepper_;
 };
 
