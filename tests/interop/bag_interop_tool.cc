@@ -16,13 +16,8 @@
 namespace {
 
 std::string Hex(const std::string& bytes) {
-  static const char* digits = "0123456789abcdef";
   std::string out;
-  out.reserve(bytes.size() * 2);
-  for (unsigned char c : bytes) {
-    out.push_back(digits[c >> 4]);
-    out.push_back(digits[c & 15]);
-  }
+  for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
   return out;
 }
 
@@ -36,20 +31,12 @@ std::string Payload(size_t size, unsigned seed) {
   return s;
 }
 
-struct Written {
-  std::string topic, type, data;
-  long time, record_time;
-};
+struct Written { std::string topic, type, data; long time, record_time; };
 
 int Write(const std::string& dir) {
-  struct Variant {
-    const char* name;
-    kelo::BagCompression compression;
-  };
-  const Variant variants[] = {{"zstd", kelo::BagCompression::kZstd},
-                              {"lz4", kelo::BagCompression::kLz4},
-                              {"none", kelo::BagCompression::kNone}};
-  for (const Variant& v : variants) {
+  for (const auto& [name, compression] : std::vector<std::pair<std::string, kelo::BagCompression>>{
+           {"zstd", kelo::BagCompression::kZstd}, {"lz4", kelo::BagCompression::kLz4},
+           {"none", kelo::BagCompression::kNone}}) {
     std::vector<Written> messages;
     const size_t sizes[] = {0, 1, 100, 10 * 1024, 1 << 20, 3, 200};
     long t = 1700000000000;
@@ -65,23 +52,19 @@ int Write(const std::string& dir) {
       messages.push_back({"/late", "kelo.Late", "back in time", t - 50, t});
     }
     kelo::BagWriterOptions options;
-    options.compression = v.compression;
+    options.compression = compression;
     options.chunk_size = 256 * 1024;
-    kelo::BagWriter writer(kelo::fileio::FilePath(dir + "/" + v.name + ".kelobag.active"), options);
+    kelo::BagWriter writer(kelo::fileio::FilePath(dir + "/" + name + ".kelobag.active"), options);
     writer.open("");
     writer.append_topic("/declared", "kelo.Declared");
-    for (const Written& m : messages) {
-      writer.append_message(m.time, m.record_time, m.topic, m.data, m.type);
-    }
-    const std::string name = writer.close();
-    if (name.empty()) {
-      std::fprintf(stderr, "could not write %s\n", v.name);
+    for (const Written& m : messages) writer.append_message(m.time, m.record_time, m.topic, m.data, m.type);
+    const std::string path = writer.close();
+    if (path.empty()) {
+      std::fprintf(stderr, "could not write %s\n", name.c_str());
       return 1;
     }
     Json::Value root;
-    root["compression"] = v.name;
-    Json::Value& list = root["messages"];
-    list = Json::Value(Json::arrayValue);
+    root["compression"] = name;
     for (const Written& m : messages) {
       Json::Value e;
       e["topic"] = m.topic;
@@ -89,10 +72,9 @@ int Write(const std::string& dir) {
       e["log_time"] = std::to_string(m.time * 1000000L);
       e["publish_time"] = std::to_string(m.record_time * 1000000L);
       e["data"] = Hex(m.data);
-      list.append(e);
+      root["messages"].append(e);
     }
-    std::ofstream out(name + ".expected.json");
-    out << Json::writeString(Json::StreamWriterBuilder(), root);
+    std::ofstream(path + ".expected.json") << Json::writeString(Json::StreamWriterBuilder(), root);
   }
   return 0;
 }
