@@ -22,8 +22,7 @@ namespace {
 
 // Catches console or sink text dropped, doubled, given a line end, or cut at the buffer.
 TEST(ToolsModuleOutputTest, TextReachesConsoleAndSinkWhole) {
-  const size_t kBuffer = ToolsModuleOutput::kMessageBufferSize;
-  const std::string nul("ab\0cd", 5), big(kBuffer - 2, 'n');
+  const std::string nul("ab\0cd", 5), big(ToolsModuleOutput::kMessageBufferSize - 2, 'n');
   struct Case {
     std::function<void(Output*)> call;
     std::string console, sink;

@@ -34,11 +34,7 @@ std::vector<int> StepToStop(BagPlay* play) {
 
 // What a player delivers (time, payload, when); the timeline is silenced.
 struct PlaybackLog {
-  struct Delivery {
-    long time;
-    std::string text;
-    int64_t wall_ms;
-  };
+  struct Delivery { long time; std::string text; int64_t wall_ms; };
   std::vector<Delivery> deliveries;
   void Attach(BagPlay* play) {
     play->SetMessageCallback([this](long time, const std::string&, const std::string&, const std::string& data) {

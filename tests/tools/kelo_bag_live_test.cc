@@ -42,10 +42,7 @@ using testing_support::WaitFor;
 
 const std::string kKeloBag = KELO_BAG;
 
-struct TrafficMessage {
-  std::string channel;
-  std::string payload;
-};
+struct TrafficMessage { std::string channel, payload; };
 
 // Traffic of a live publisher: `rounds` rounds of one message of every channel, 5 bytes to
 // 1 MB, the 1 MB one only every `large_every` rounds; every payload different. One of 8

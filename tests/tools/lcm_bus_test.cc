@@ -88,8 +88,7 @@ Messages Deliver(const std::vector<std::string>& channels, const Messages& sent)
     got.emplace_back(m.channel, std::string(static_cast<const char*>(m.data), m.size));
   });
   for (const auto& message : sent) EXPECT_TRUE(bus->Publish(message.first, message.second));
-  while (bus->Handle(0) > 0) {
-  }
+  while (bus->Handle(0) > 0) continue;
   return got;
 }
 

@@ -32,9 +32,7 @@ TEST(KeyDecoderTest, DecodesThePlaybackKeysWhereverTheReadsSplitThem) {
 
 TEST(RawTerminalTest, DeliversKeysAtOnceWithoutEchoAndRestoresTheTerminal) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(master, 0);
-  ASSERT_EQ(0, grantpt(master));
-  ASSERT_EQ(0, unlockpt(master));
+  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
   const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
   ASSERT_GE(terminal, 0);
   struct termios before;

@@ -124,12 +124,10 @@ TEST(BagWriterTest, AFullDiskLosesOnlyWhatItMustCountsItAndWritingResumes) {
   const std::string first = writer.save_file("1");
   writer.append_message(600, 600, "/odd", "tiny", "T");  // waits in memory for space
   ASSERT_EQ(0, ::unlink(dir.file("filler").c_str()));
-  WaitFor([&] { return writer.problems().empty(); }, 10000);
-  EXPECT_EQ("", writer.problems());
+  EXPECT_TRUE(WaitFor([&] { return writer.problems().empty(); }, 10000)) << writer.problems();
   for (int i = 0; i < 20; ++i) writer.append_message(i, i, "/even", "after", "T");
   const std::string last = writer.close();
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(log, testing::ContainsRegex("No space left on device(.|\n)*writing works again"));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), ContainsRegex("No space left on device(.|\n)*writing works again"));
   const BagLosses lost = writer.losses()->Total();
   EXPECT_TRUE(lost.total() > 0 && lost.total() == lost.total(BagLossReason::kDiskFull));
   EXPECT_EQ(621u, BagReader(first).count() + BagReader(last).count() + lost.total());

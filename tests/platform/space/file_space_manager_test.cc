@@ -65,10 +65,8 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
   const std::string dir = outside.file("rec");
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
   // Old and large, so that each would be first to go if it counted.
-  const std::vector<std::string> foreign = {
-      "bag_1.kelobag.active", "bag_2.kelobag.bak", "bag_3.kelobagx",
-      "bag_4.KELOBAG",        "other_5.kelobag",   "bag_6.mcap",
-  };
+  const std::vector<std::string> foreign = {"bag_1.kelobag.active", "bag_2.kelobag.bak", "bag_3.kelobagx",
+                                            "bag_4.KELOBAG", "other_5.kelobag", "bag_6.mcap"};
   for (const std::string& name : foreign) MakeFile(dir + "/" + name, 1000, kDay);
   ASSERT_EQ(mkdir((dir + "/bag_sub.kelobag").c_str(), 0755), 0);
   MakeFile(dir + "/bag_sub.kelobag/bag_7.kelobag", 1000, kDay);
