@@ -127,7 +127,6 @@ TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
   EXPECT_EQ(records + records, back);
 }
 
-// A file that shrinks under a reader gives a failed read, never a hang.
 TEST(RandomAccessFileTest, AFileThatShrinksAfterOpeningFailsTheRead) {
   testing_support::TempDir dir;
   testing_support::WriteFile(dir.file("f"), std::string(4096, 'x'));

@@ -1,10 +1,9 @@
 #include "platform/trigger/trigger_record_node_api.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -94,9 +93,8 @@ TEST(TriggerRecordNodeApiTest, EveryNodeAnswersAndTheSenderLearnsTheLastFileEach
                std::to_string(r.saved) + " " + std::to_string(r.due_ms - time_ms) + " " + r.file);
   }
   EXPECT_EQ(ports.size(), 1u);
-  char cwd[4096];
-  ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-  EXPECT_EQ(got, (std::set<std::string>{"l1 bag_record /rec 127.0.0.1 11 0 " + std::string(cwd) + "/rel/l1.kelobag",
+  const std::string cwd = std::filesystem::current_path();
+  EXPECT_EQ(got, (std::set<std::string>{"l1 bag_record /rec 127.0.0.1 11 0 " + cwd + "/rel/l1.kelobag",
                                         "l2 bag_record /rec 127.0.0.1 10 0 ", "l3 bag_record /rec 127.0.0.1 10 0 "}));
 }
 
@@ -200,7 +198,6 @@ TEST(TriggerKeyTest, SignsWithHmacSha256) {
   EXPECT_EQ("", TriggerKey().Sign(5, "a"));
 }
 
-// Destruction waits for the notice in progress and tells waiting senders that nothing was saved.
 TEST(TriggerRecordNodeApiTest, DestructionWaitsForTheNoticeInProgressAndAnswersTheRest) {
   std::atomic<bool> entered{false}, release{false}, finished{false}, destroyed{false};
   auto slow = std::make_unique<TriggerRecordNodeApi>("bag_record", "slow", kDir, 0);
