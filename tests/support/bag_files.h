@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
