@@ -163,10 +163,10 @@ bool BagPlay::Start(int start, int duration, bool print_view) {
   KeloThreadLocker hold(lock_);
   if (!paused_) return false;
   view_->set_time(start, duration);
+  if (print_view) PrintView();  // before the clock starts, so that the first message is not kept waiting
   Reset();
   paused_ = false;
   playing_ = true;
-  if (print_view) PrintView();
   return true;
 }
 

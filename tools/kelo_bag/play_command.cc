@@ -3,7 +3,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -73,6 +72,15 @@ class KeyWorker {
     thread_.join();
   }
 
+  // Keys pushed before this wait for it.
+  void Start() {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      started_ = true;
+    }
+    changed_.notify_all();
+  }
+
   void Push(Key key) {
     {
       std::lock_guard<std::mutex> hold(mutex_);
@@ -85,7 +93,7 @@ class KeyWorker {
   void Run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      changed_.wait(lock, [this] { return done_ || !keys_.empty(); });
+      changed_.wait(lock, [this] { return done_ || (started_ && !keys_.empty()); });
       if (done_) return;
       const Key key = keys_.front();
       keys_.pop_front();
@@ -100,6 +108,7 @@ class KeyWorker {
   std::condition_variable changed_;
   std::deque<Key> keys_;
   bool done_ = false;
+  bool started_ = false;
   std::thread thread_;
 };
 
@@ -143,12 +152,6 @@ class ScaledPlay : public BagPlay {
     rate_ = 1.0 / speed;
   }
 };
-
-int64_t WallClockUs() {
-  timeval tv;
-  gettimeofday(&tv, nullptr);
-  return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
-}
 
 }  // namespace
 
@@ -230,16 +233,14 @@ int RunPlay(int argc, const char* const* argv) {
   if (bus != nullptr) std::printf("publishing on %s\n", bus->url().c_str());
   std::fflush(stdout);
 
-  // The player's clock counts whole milliseconds from the one it starts in: started just
-  // after a millisecond begins, the first message goes out as much on time as the others.
-  const int64_t now_us = WallClockUs();
-  for (int64_t us = now_us; us / 1000 == now_us / 1000; us = WallClockUs()) {
-  }
-  play.ControlPlay(opt.start, opt.duration);
-  if (opt.paused) control.Apply(Key::kPause);
   {
+    // The key threads start before the player's clock, which would otherwise count their
+    // start-up against the first message; keys typed meanwhile wait for Start().
     KeyWorker worker(&control);
     std::unique_ptr<KeyReader> reader(terminal.active() ? new KeyReader(&worker) : nullptr);
+    play.ControlPlay(opt.start, opt.duration);
+    if (opt.paused) control.Apply(Key::kPause);
+    worker.Start();
     for (;;) {
       const int code = control.Step();
       if (code == BagPlay::kStopped || code == BagPlay::kNoMessage) break;
