@@ -18,7 +18,9 @@
 
 #include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_notice.h"
+#include "platform/trigger/trigger_protocol.h"
 #include "platform/trigger/trigger_sender.h"
+#include "platform/udp/udp_cast_server.h"
 #include "record/wall_clock.h"
 
 namespace kelo {
@@ -99,6 +101,23 @@ TEST(TriggerRecordNodeApiTest, EveryNodeAnswersAndTheSenderLearnsTheLastFileEach
 }
 
 // Notices come no earlier than due, in due order (ties in arrival order); the sender is told when.
+// Catches a sender that stops listening at the first answer it cannot read: a stranger's
+// garbage must not cut off a node's report, which comes when its file is saved.
+TEST(TriggerRecordNodeApiTest, AGarbageAnswerDoesNotEndTheWaitForTheNodes) {
+  UdpCastServer stranger(trigger_protocol::kGroup, trigger_protocol::kPort);
+  stranger.register_callback(trigger_protocol::kTriggerEventKey, [&](const std::string& peer, int port, UdpMessage& m) {
+    stranger.send_data(peer, port, m.create_recv(trigger_protocol::kTriggerAckKey));  // no body: no acknowledgement
+  });
+  TriggerRecordNodeApi node("bag_record", "slow", kDir, 0);
+  node.SetNotifyCallback([&](const std::string& n) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // saving
+    node.ReportSaved(n, "/rec/slow.kelobag");
+  });
+  const std::vector<TriggerSender::NodeResult> results = TriggerSender(Quick(1000)).Send("x", WallClockMs(), kWaitMs);
+  ASSERT_EQ(1u, results.size());
+  EXPECT_EQ("/rec/slow.kelobag", results[0].file);
+}
+
 TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
   NoticeLog log;
   TriggerRecordNodeApi at_once("bag_record", "d0", kDir, 0), later("bag_record", "d1", kDir, 1);
