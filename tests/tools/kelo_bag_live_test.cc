@@ -120,7 +120,7 @@ testing::AssertionResult HoldTraffic(const std::vector<std::string>& bags, const
 
 // Both kinds of recorder on one live publisher: the continuous one keeps every message in
 // parts of a second, the trigger-mode one saves the window around `kelo_bag trigger`; both
-// answer the monitor and complete their files on SIGINT.
+// answer the monitor and complete their files on SIGTERM and SIGINT.
 TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesTheWindow) {
   TempDir dir;
   const RunResult unanswered = RunToEnd({kKeloBag, "trigger"}, dir.file("trigger"));
@@ -184,8 +184,8 @@ TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesT
   EXPECT_THAT(RunToEnd({kKeloBag, "info", saved}, dir.file("info")).out, HasSubstr("\nmode:        trigger\n"));
   EXPECT_TRUE(HoldTraffic({saved}, traffic));
 
-  for (Subprocess* recorder : {&record, &cache}) {
-    recorder->Signal(SIGINT);
+  for (const auto& [recorder, stop] : {std::make_pair(&record, SIGTERM), std::make_pair(&cache, SIGINT)}) {
+    recorder->Signal(stop);
     ASSERT_EQ(0, recorder->Wait(60000)) << recorder->Stdout() << recorder->Stderr();
     EXPECT_THAT(recorder->Stdout(), EndsWith("none lost\n"));
   }
