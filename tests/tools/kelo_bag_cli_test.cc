@@ -206,6 +206,8 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   std::ofstream(header_only, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end));
   const std::string first_cut = dir.file("first_cut.kelobag.active");  // cut inside its first chunk
   std::ofstream(first_cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end + 60));
+  const std::string one_byte = dir.file("one_byte.kelobag.active");  // a record begun with its first byte
+  std::ofstream(one_byte, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end + 1));
   bytes[bytes.size() / 3] ^= 0x40;  // inside a chunk
   std::ofstream(damaged, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 
@@ -219,6 +221,7 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   EXPECT_THAT(info.err, HasSubstr("info: " + damaged + ": 1 chunk ("));
   EXPECT_THAT(info.err, HasSubstr("info: " + cut + ": "));
   EXPECT_THAT(info.out, HasSubstr("unreadable:  1 chunk ("));
+  EXPECT_THAT(KeloBag(dir, {"info", one_byte}).out, HasSubstr("unreadable:  1 bytes could not be read"));
   const RunResult json = KeloBag(dir, {"info", "--json", "--verify", damaged});
   EXPECT_THAT(json.out, HasSubstr("\"lost\" : 4"));
   EXPECT_THAT(json.out, HasSubstr("\"chunks\" : 1"));
