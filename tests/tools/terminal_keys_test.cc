@@ -52,7 +52,11 @@ TEST(RawTerminalTest, DeliversKeysAtOnceWithoutEchoAndRestoresTheTerminal) {
     char c = 0;
     ASSERT_EQ(1, read(terminal, &c, 1));
     EXPECT_EQ('q', c);
-    if (round == 1) RawTerminal::RestoreNow();  // as a signal handler would, before the destructor
+    if (round == 1) {
+      RawTerminal::RestoreNow();  // as a signal handler would, before the destructor
+      ASSERT_EQ(0, tcgetattr(terminal, &during));
+      EXPECT_EQ(before.c_lflag, during.c_lflag);
+    }
   }
   struct termios after;
   ASSERT_EQ(0, tcgetattr(terminal, &after));
