@@ -73,8 +73,10 @@ bool ParseChunkHead(const char* p, size_t avail, uint64_t content_size, ChunkHea
   return h->records_offset <= content_size && h->records_size <= content_size - h->records_offset;
 }
 
-bool CheckChunkCrc(const ChunkHeader& h, const std::string& records, std::string* error) {
-  if (h.uncompressed_crc != 0 && Crc32(records.data(), records.size()) != h.uncompressed_crc) {
+// Checks the CRC of a chunk's records, held in `records` followed by `tail`.
+bool CheckChunkCrc(const ChunkHeader& h, const std::string& records, const std::string& tail, std::string* error) {
+  if (h.uncompressed_crc != 0 &&
+      Crc32Extend(Crc32(records.data(), records.size()), tail.data(), tail.size()) != h.uncompressed_crc) {
     *error = "chunk CRC mismatch";
     return false;
   }
@@ -92,7 +94,7 @@ bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* de
                                 h.uncompressed_size, records, error)) {
     return false;
   }
-  return CheckChunkCrc(h, *records, error);
+  return CheckChunkCrc(h, *records, std::string(), error);
 }
 
 // Indexes the records of a decompressed chunk, learning the schemas and channels it
@@ -578,28 +580,21 @@ bool LoadChunk(const RandomAccessFile& file, const Block& block, ChunkDecompress
       return false;
     }
   }
-  // Records stored as they are are read straight into place: nothing to decompress.
+  // Records stored as they are are read straight into place, nothing to decompress; with a
+  // split, those from its cut on into its tail.
   const bool plain = h.compression.empty() && h.records_size == h.uncompressed_size;
   const uint64_t stored_at = block.offset + kPrefixSize + h.records_offset;
   if (split != nullptr) split->done = plain && split->at < h.records_size;
-  if (split != nullptr && split->done) {
-    if (!file.Read(stored_at, split->at, records) ||
-        !file.Read(stored_at + split->at, h.records_size - split->at, split->tail)) {
-      *error = "chunk cannot be read" + at;
-      return false;
-    }
-    const uint32_t crc = Crc32Extend(Crc32(records->data(), records->size()), split->tail->data(), split->tail->size());
-    if (h.uncompressed_crc != 0 && crc != h.uncompressed_crc) {
-      *error = "chunk CRC mismatch" + at;
-      return false;
-    }
-    return true;
-  }
-  if (!file.Read(stored_at, h.records_size, plain ? records : scratch)) {
+  std::string no_tail;
+  std::string* tail = split != nullptr && split->done ? split->tail : &no_tail;
+  const uint64_t cut = split != nullptr && split->done ? split->at : h.records_size;
+  if (!file.Read(stored_at, cut, plain ? records : scratch) ||
+      !file.Read(stored_at + cut, h.records_size - cut, tail)) {
     *error = "chunk cannot be read" + at;
     return false;
   }
-  if (plain ? !CheckChunkCrc(h, *records, error) : !DecodeChunk(h, scratch->data(), decompressor, records, error)) {
+  if (plain ? !CheckChunkCrc(h, *records, *tail, error)
+            : !DecodeChunk(h, scratch->data(), decompressor, records, error)) {
     *error += at;
     return false;
   }
