@@ -243,24 +243,26 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   TempDir dir;
   ReportLog log;
   std::atomic<BagRecord*> target{nullptr};
-  std::atomic<int> splits{0}, rounds{0};
+  std::atomic<int> splits{0};
+  std::atomic<bool> restarted{false};
   BagRecord record("node", dir.path() + "/", 1);
-  testing::internal::CaptureStdout();
   // On the save thread: the first split stops and takes it back, the second stops, its goodbye starts again.
   record.output()->set_output_string_func([&](const std::string& text) {
+    log.sink()(text);
     BagRecord* r = target.load();
     if (r == nullptr) return;
     if (text.rfind("split bag: ", 0) == 0) {
       r->Stop();
       if (++splits == 1) r->Start();
-    } else if (text == "save thread exit" && splits == 2 && ++rounds == 1) {
+    } else if (text == "save thread exit" && splits == 2 && !restarted.exchange(true)) {
       r->Start();
     }
   });
   target = &record;
   record.Start();
   for (long t = 0; t < 3; ++t) record.AppendMessage(1000 + t * 1500, "/t", "demo.T", std::to_string(t));
-  while (rounds == 0) usleep(1000);
+  // The round the goodbye began takes messages once it says that it runs.
+  ASSERT_TRUE(WaitFor([&] { return log.Count("save thread running") == 2; }, 60000));
   record.AppendMessage(9000, "/t", "demo.T", "after the second round began");
   ASSERT_TRUE(record.Drain(60000));
   target = nullptr;
@@ -283,13 +285,8 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   appender.join();
   EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
   // Every round of the save thread, the one a callback began again included, says that it runs and that it ends.
-  const std::string console = testing::internal::GetCapturedStdout();
-  const auto count = [&](const std::string& line) {
-    size_t n = 0;
-    for (size_t at = console.find(line); at != std::string::npos; at = console.find(line, at + 1)) ++n;
-    return n;
-  };
-  EXPECT_EQ(count("save thread running\n"), count("save thread exit\n")) << console;
+  EXPECT_EQ(log.Count("save thread running"), log.Count("save thread exit"));
+  EXPECT_EQ(log.Count("save thread running"), 3u);
 }
 
 }  // namespace
