@@ -41,8 +41,6 @@ void StopSignal::Install() {
 
 bool StopSignal::Requested() { return requested.load(); }
 
-void StopSignal::Request() { requested.store(true); }
-
 int StopSignal::Signal() { return last_signal; }
 
 }  // namespace cli

@@ -17,10 +17,8 @@ class StopSignal {
 
   // Installs the handlers for SIGINT and SIGTERM (and forgets an earlier request).
   static void Install();
-  // Whether a signal came, or Request() was called, since Install().
+  // Whether a signal came since Install().
   static bool Requested();
-  // Asks to stop as a signal does, without counting toward the forced exit.
-  static void Request();
   // The signal that asked, 0 when none did.
   static int Signal();
 };
