@@ -75,6 +75,7 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
   const RunResult version = KeloBag(dir, {"--version"});
   EXPECT_EQ(0, version.code);
   EXPECT_EQ(0u, version.out.find("kelo_bag " + std::string(KELO_BAG_VERSION) + "\n")) << version.out;
+  const std::regex takes_value("^  (-\\w,)?--[\\w-]+(,--[\\w-]+)? \\S");
   for (const char* command :
        {"record", "play", "info", "monitor", "trigger", "cat", "filter", "merge", "recover", "demo"}) {
     EXPECT_THAT(tool.out, HasSubstr(std::string("  ") + command + " ")) << command;
@@ -85,63 +86,36 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
     EXPECT_EQ("", help.err) << command;
     // Every option that takes a value names its unit and says what it is when not given.
     std::istringstream lines(help.out);
-    for (std::string line; std::getline(lines, line);) {
-      if (std::regex_search(line, std::regex("^  (-\\w,)?--[\\w-]+(,--[\\w-]+)? \\S"))) {
-        EXPECT_THAT(line, HasSubstr("default")) << command;
-      }
-    }
+    for (std::string line; std::getline(lines, line);)
+      EXPECT_TRUE(!std::regex_search(line, takes_value) || line.find("default") != std::string::npos) << line;
   }
 }
 
 TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
   TempDir dir;
   const std::vector<std::vector<std::string>> bad = {
-      {},
-      {"recrod"},
-      {"record"},
-      {"record", "-a", "/imu"},
-      {"record", "-a", "--regex", "/i.*"},
-      {"record", "--regex", "("},
-      {"record", "-a", "--exclude", "["},
-      {"record", "-a", "--max-files", "2"},
-      {"record", "-a", "--compression", "gzip"},
-      {"record", "-a", "--split_time", "often"},
-      {"record", "-a", "--no-such-option"},
-      {"record", "-a", "--interface", "no_such_if0"},
-      {"record", "-a", "--url", "nosuch://"},
-      {"record", "-a", "--trigger", "--reserve", "-5"},
-      {"record", "-a", "--trigger", "--cache", "-1"},
-      {"record", "-a", "--reserve", "5"},
-      {"play"},
-      {"play", "--start", "-1", "a.kelobag"},
-      {"play", "--duration", "x", "a.kelobag"},
-      {"play", "--duration", "-2", "a.kelobag"},
-      {"play", "--rate", "0.05", "a.kelobag"},
-      {"play", "--rate", "2x", "a.kelobag"},
-      {"play", "--topics", "(", "a.kelobag"},
-      {"play", "--remap", "/a:=/b", "a.kelobag"},
-      {"play", "--publish", "--remap", "/a", "a.kelobag"},
-      {"play", "--paused", "a.kelobag"},
-      {"info"},
-      {"info", "--jsn", "a.kelobag"},
-      {"monitor", "extra"},
-      {"monitor", "--wait", "0"},
-      {"trigger", "--label", "two words"},
-      {"trigger", "--wait", "soon"},
-      {"demo", "a", "b"},
-      {"filter", "a.kelobag"},
-      {"merge", "-o", "out.bag", "a.kelobag"},
-      {"recover", "-o", "r.kelobag", "a.kelobag", "b.kelobag"},
-      {"cat", "--topics", "(", "a.kelobag"},
-  };
+      {}, {"recrod"}, {"record"}, {"record", "-a", "/imu"}, {"record", "-a", "--regex", "/i.*"},
+      {"record", "--regex", "("}, {"record", "-a", "--exclude", "["}, {"record", "-a", "--max-files", "2"},
+      {"record", "-a", "--compression", "gzip"}, {"record", "-a", "--split_time", "often"},
+      {"record", "-a", "--no-such-option"}, {"record", "-a", "--interface", "no_such_if0"},
+      {"record", "-a", "--url", "nosuch://"}, {"record", "-a", "--trigger", "--reserve", "-5"},
+      {"record", "-a", "--trigger", "--cache", "-1"}, {"record", "-a", "--reserve", "5"},
+      {"play"}, {"play", "--start", "-1", "a.kelobag"}, {"play", "--duration", "x", "a.kelobag"},
+      {"play", "--duration", "-2", "a.kelobag"}, {"play", "--rate", "0.05", "a.kelobag"},
+      {"play", "--rate", "2x", "a.kelobag"}, {"play", "--topics", "(", "a.kelobag"},
+      {"play", "--remap", "/a:=/b", "a.kelobag"}, {"play", "--publish", "--remap", "/a", "a.kelobag"},
+      {"play", "--paused", "a.kelobag"}, {"info"}, {"info", "--jsn", "a.kelobag"},
+      {"monitor", "extra"}, {"monitor", "--wait", "0"}, {"trigger", "--label", "two words"},
+      {"trigger", "--wait", "soon"}, {"demo", "a", "b"}, {"filter", "a.kelobag"},
+      {"merge", "-o", "out.bag", "a.kelobag"}, {"recover", "-o", "r.kelobag", "a.kelobag", "b.kelobag"},
+      {"cat", "--topics", "(", "a.kelobag"}};
   for (const std::vector<std::string>& args : bad) {
+    SCOPED_TRACE(testing::PrintToString(args));
     const RunResult run = KeloBag(dir, args);
-    std::string line;
-    for (const std::string& arg : args) line += " " + arg;
-    EXPECT_EQ(2, run.code) << line << "\n" << run.err;
+    EXPECT_EQ(2, run.code) << run.err;
     // LCM adds a line of its own about a provider it does not know; ours is the last.
-    EXPECT_EQ(args.size() > 2 && args[2] == "--url" ? 2u : 1u, Lines(run.err)) << line << "\n" << run.err;
-    EXPECT_EQ("", run.out) << line;
+    EXPECT_EQ(args.size() > 2 && args[2] == "--url" ? 2u : 1u, Lines(run.err)) << run.err;
+    EXPECT_EQ("", run.out);
   }
 }
 
@@ -157,10 +131,8 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   for (const std::string& want :
        {"path:        " + first, "path:        " + second, std::string("all 2 files"),
         std::string("messages:    28\n"), std::string("messages:    16\n"), std::string("messages:    44\n"),
-        std::string("duration:    4.000 s")}) {
+        std::string("duration:    4.000 s"), std::string("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n")})
     EXPECT_THAT(text.out, HasSubstr(want)) << want;
-  }
-  EXPECT_THAT(text.out, HasSubstr("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n"));
   EXPECT_THAT(text.out, ContainsRegex("start: +20[0-9-]{8} [0-9:]{8}\\.000 \\(1700000000000 ms\\)"));
 
   // Read from the summary or from every message, a sound bag is described alike.
