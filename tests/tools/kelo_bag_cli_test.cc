@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -259,21 +260,18 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
 // (the others of 0, 1, 2 go to /dev/null); the screen is what they wrote on it.
 class OnTerminal {
  public:
-  explicit OnTerminal(std::vector<std::string> args, const std::vector<int>& fds = {0, 1, 2})
-      : master_(posix_openpt(O_RDWR | O_NOCTTY)) {
-    EXPECT_TRUE(master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0);
-    const std::string terminal = ptsname(master_);
+  explicit OnTerminal(std::vector<std::string> args, const std::vector<int>& fds = {0, 1, 2}) {
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      setsid();
-      const int fd = open(terminal.c_str(), O_RDWR), null = open("/dev/null", O_RDWR);
-      for (int to : {0, 1, 2}) dup2(std::count(fds.begin(), fds.end(), to) ? fd : null, to);
+    if ((pid_ = forkpty(&master_, nullptr, nullptr, nullptr)) == 0) {
+      const int null = open("/dev/null", O_RDWR);
+      for (int to : {0, 1, 2})
+        if (!std::count(fds.begin(), fds.end(), to)) dup2(null, to);
       execv(argv[0], argv.data());
       _exit(127);
     }
+    EXPECT_GT(pid_, 0);
   }
   ~OnTerminal() {
     if (status_ == -1) kill(pid_, SIGKILL), waitpid(pid_, &status_, 0);
@@ -299,7 +297,7 @@ class OnTerminal {
   const std::string& screen() const { return screen_; }
 
  private:
-  const int master_;
+  int master_ = -1;
   pid_t pid_ = -1;
   int status_ = -1;
   std::string screen_;
