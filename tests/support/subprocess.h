@@ -75,6 +75,10 @@ class Subprocess {
   }
 
   std::string Stdout() const { return ReadFile(out_path_); }
+  // Whether the process printed `text` on its standard output within `timeout_ms`.
+  bool Prints(const std::string& text, int timeout_ms = 20000) const {
+    return WaitFor([&] { return Stdout().find(text) != std::string::npos; }, timeout_ms);
+  }
   std::string Stderr() const { return ReadFile(err_path_); }
 
  private:

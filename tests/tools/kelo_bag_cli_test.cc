@@ -50,6 +50,12 @@ RunResult KeloBag(const TempDir& dir, std::vector<std::string> args) {
   return RunToEnd(args, dir.file("kelo_bag"));
 }
 
+// A run that ended with exit code `code` and said `said` on its standard error.
+MATCHER_P2(ExitsSaying, code, said, "") {
+  *result_listener << "exit code " << arg.code << ", said: " << arg.err;
+  return arg.code == code && arg.err.find(said) != std::string::npos;
+}
+
 size_t Lines(const std::string& text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
@@ -171,18 +177,18 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
     writer.append_message(1700000000000 + t * 10, 0, "/a", std::string(50, 'x'), "T");
   const std::string whole = writer.close();
   std::string bytes = ReadFile(whole);
-  const std::string damaged = dir.file("damaged.kelobag"), cut = dir.file("cut.kelobag.active");
-  const std::string header_only = dir.file("header_only.kelobag.active");
-  std::ofstream(cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size() / 2));
+  const auto write = [&](const std::string& name, size_t size) {  // the first `size` bytes
+    std::ofstream(dir.file(name), std::ios::binary) << bytes.substr(0, size);
+    return dir.file(name);
+  };
+  const std::string cut = write("cut.kelobag.active", bytes.size() / 2);
   // The magic and the header record: a recording that has not written a chunk yet.
   const uint64_t header_end = 8 + mcap::kPrefixSize + mcap::LoadU64(bytes.data() + 9);
-  std::ofstream(header_only, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end));
-  const std::string first_cut = dir.file("first_cut.kelobag.active");  // cut inside its first chunk
-  std::ofstream(first_cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end + 60));
-  const std::string one_byte = dir.file("one_byte.kelobag.active");  // a record begun with its first byte
-  std::ofstream(one_byte, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(header_end + 1));
+  const std::string header_only = write("header_only.kelobag.active", header_end);
+  const std::string first_cut = write("first_cut.kelobag.active", header_end + 60);  // inside its first chunk
+  const std::string one_byte = write("one_byte.kelobag.active", header_end + 1);  // a record's first byte only
   bytes[bytes.size() / 3] ^= 0x40;  // inside a chunk
-  std::ofstream(damaged, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  const std::string damaged = write("damaged.kelobag", bytes.size());
 
   const RunResult clean = KeloBag(dir, {"info", whole, header_only});
   EXPECT_EQ(0, clean.code) << clean.err;
@@ -190,25 +196,18 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   const std::string lost = "lost:        4 (3 queue full, 1 disk full)\n";
   EXPECT_NE(clean.out.find(lost), clean.out.rfind(lost)) << clean.out;
   const RunResult info = KeloBag(dir, {"info", "--verify", damaged, cut});
-  EXPECT_EQ(3, info.code);
-  EXPECT_THAT(info.err, HasSubstr("info: " + damaged + ": 1 chunk ("));
+  EXPECT_THAT(info, ExitsSaying(3, "info: " + damaged + ": 1 chunk ("));
   EXPECT_THAT(info.err, HasSubstr("info: " + cut + ": "));
   EXPECT_THAT(info.out, HasSubstr("unreadable:  1 chunk ("));
   EXPECT_THAT(KeloBag(dir, {"info", one_byte}).out, HasSubstr("unreadable:  1 bytes could not be read"));
-  const RunResult json = KeloBag(dir, {"info", "--json", "--verify", damaged});
-  EXPECT_THAT(json.out, HasSubstr("\"lost\" : 4"));
-  EXPECT_THAT(json.out, HasSubstr("\"chunks\" : 1"));
+  EXPECT_THAT(KeloBag(dir, {"info", "--json", "--verify", damaged}).out,
+              testing::AllOf(HasSubstr("\"lost\" : 4"), HasSubstr("\"chunks\" : 1")));
 
   const RunResult play = KeloBag(dir, {"play", damaged});
-  EXPECT_EQ(3, play.code);
-  EXPECT_THAT(play.err, HasSubstr("play: " + damaged + ": recovered damaged bag: kept "));
+  EXPECT_THAT(play, ExitsSaying(3, "play: " + damaged + ": recovered damaged bag: kept "));
   EXPECT_THAT(play.err, HasSubstr("1 chunk ("));
-  const RunResult empty = KeloBag(dir, {"play", header_only});
-  EXPECT_EQ(0, empty.code) << empty.err;
-  EXPECT_THAT(empty.err, HasSubstr("nothing to play"));
-  const RunResult cut_short = KeloBag(dir, {"play", first_cut});
-  EXPECT_EQ(3, cut_short.code);
-  EXPECT_THAT(cut_short.err, HasSubstr(first_cut + ": no messages to read; "));
+  EXPECT_THAT(KeloBag(dir, {"play", header_only}), ExitsSaying(0, "nothing to play"));
+  EXPECT_THAT(KeloBag(dir, {"play", first_cut}), ExitsSaying(3, first_cut + ": no messages to read; "));
 }
 
 // Catches a range taken from one bag only, and a timeline that stands still through a gap.
@@ -247,13 +246,10 @@ TEST(KeloBagCliTest, PlaysARangeOfSeveralFilesAtWallClockPaceAndSkipsWhatItCanno
   EXPECT_EQ(2, KeloBag(dir, {"play", "--exclude", ".*", second}).code);
   // Ctrl-C ends playback at once, with the exit code of a process the signal ended.
   testing_support::Subprocess interrupted({kKeloBag, "play", WriteBag(dir, "long", 0, 60)}, dir.file("long"));
-  ASSERT_TRUE(testing_support::WaitFor([&] { return interrupted.Stdout().find("[RUNNING]") != std::string::npos; },
-                                       20000));
+  ASSERT_TRUE(interrupted.Prints("[RUNNING]"));
   interrupted.Signal(SIGINT);
   EXPECT_EQ(128 + SIGINT, interrupted.Wait(20000));
-  const RunResult nothing = KeloBag(dir, {"play", dir.file("missing.kelobag")});
-  EXPECT_EQ(2, nothing.code);
-  EXPECT_THAT(nothing.err, HasSubstr("nothing to play"));
+  EXPECT_THAT(KeloBag(dir, {"play", dir.file("missing.kelobag")}), ExitsSaying(2, "nothing to play"));
 }
 
 // `args` run with a pseudo-terminal as their controlling terminal on the descriptors `fds`
@@ -328,13 +324,11 @@ TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
 TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   TempDir dir;
   lcm_eventlog_t* log = lcm_eventlog_create(dir.file("bus.lcmlog").c_str(), "w");
-  ASSERT_NE(nullptr, log);
   std::vector<char> data(600 << 10, 'x');
+  char channel[] = "/seq";
   for (int i = 0; i < 3; ++i) {
-    char channel[] = "/seq";
-    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, static_cast<int32_t>(data.size()), channel,
-                               data.data()};
-    ASSERT_EQ(0, lcm_eventlog_write_event(log, &event));
+    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, 600 << 10, channel, data.data()};
+    ASSERT_TRUE(log != nullptr && lcm_eventlog_write_event(log, &event) == 0);
   }
   lcm_eventlog_destroy(log);
   const std::string at_once = "file://" + dir.file("bus.lcmlog") + "?mode=r&speed=0";
@@ -345,8 +339,7 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
     EXPECT_EQ("record: the LCM bus failed; stopping\n", run.err);
     EXPECT_THAT(run.out, HasSubstr("received 3 messages"));
   }
-  EXPECT_EQ(testing_support::ListDir(dir.file("rec")).size(), 1u);
-  EXPECT_EQ(testing_support::ListDir(dir.file("plain")).size(), 1u);
+  for (const char* folder : {"rec", "plain"}) EXPECT_EQ(1u, testing_support::ListDir(dir.file(folder)).size());
   // Channels chosen by whole-name patterns, and left out by them.
   for (const auto& [args, received] : std::vector<std::pair<std::vector<std::string>, std::string>>{
            {{"--regex", "/s.q"}, "received 3 messages"}, {{"-a", "--exclude", "/s.*"}, "received 0 messages"}}) {
@@ -355,10 +348,9 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
     EXPECT_THAT(KeloBag(dir, command).out, HasSubstr(received)) << args[1];
   }
   // Each file says how it was recorded.
-  const RunResult info = KeloBag(dir, {"info", dir.file("one.kelobag")});
-  EXPECT_THAT(info.out, HasSubstr("command:     kelo_bag record --url 'file://"));
-  EXPECT_THAT(info.out, HasSubstr("\nbus:         " + at_once + "\n"));
-  EXPECT_THAT(info.out, HasSubstr("\nmode:        plain\n"));
+  EXPECT_THAT(KeloBag(dir, {"info", dir.file("one.kelobag")}).out,
+              testing::AllOf(HasSubstr("command:     kelo_bag record --url 'file://"),
+                             HasSubstr("\nbus:         " + at_once + "\n"), HasSubstr("\nmode:        plain\n")));
 
   const RunResult parts =
       KeloBag(dir, {"record", "--url", at_once, "-a", "--max-size", "1", "--max-files", "1", "-o", dir.file("parts") + "/"});
@@ -405,14 +397,11 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_THAT(KeloBag(dir, {"cat", quoted.close()}).out, HasSubstr(" \"say \\\"hi\\\" \\\\o/\"\n"));
 
   // A bag cut in its middle: what could still be read is saved whole, the rest named.
-  const std::string bytes = ReadFile(second);
-  const std::string cut = dir.file("cut.kelobag");
+  const std::string bytes = ReadFile(second), cut = dir.file("cut.kelobag");
   std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
   const size_t readable = BagReader(cut).count();
   ASSERT_GT(readable, 0u);
-  const RunResult recover = KeloBag(dir, {"recover", "-o", dir.file("r.kelobag"), cut});
-  EXPECT_EQ(3, recover.code) << recover.err;
-  EXPECT_THAT(recover.err, HasSubstr(cut + ": recovered"));
+  EXPECT_THAT(KeloBag(dir, {"recover", "-o", dir.file("r.kelobag"), cut}), ExitsSaying(3, cut + ": recovered"));
   EXPECT_EQ(readable, testing_support::ReadAll(dir.file("r.kelobag")).size());
   EXPECT_FALSE(BagReader(dir.file("r.kelobag")).file_info().recovered);
 
