@@ -135,10 +135,10 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
   EXPECT_EQ(2, text.code) << "a file that is no bag is input that cannot be used";
   EXPECT_EQ(1u, Lines(text.err)) << text.err;
   EXPECT_EQ(0u, text.err.find("info: " + dir.file("junk.kelobag") + ": ")) << text.err;
-  for (const std::string& want :
-       {"path:        " + first, "path:        " + second, std::string("all 2 files"),
-        std::string("messages:    28\n"), std::string("messages:    16\n"), std::string("messages:    44\n"),
-        std::string("duration:    4.000 s"), std::string("  /a     lcm:0x00000000000000aa        21      10.00 Hz\n")})
+  for (const std::string& want : std::vector<std::string>{
+           "path:        " + first, "path:        " + second, "all 2 files", "messages:    28\n",
+           "messages:    16\n", "messages:    44\n", "duration:    4.000 s",
+           "  /a     lcm:0x00000000000000aa        21      10.00 Hz\n"})
     EXPECT_THAT(text.out, HasSubstr(want)) << want;
   EXPECT_THAT(text.out, ContainsRegex("start: +20[0-9-]{8} [0-9:]{8}\\.000 \\(1700000000000 ms\\)"));
 
