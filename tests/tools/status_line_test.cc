@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,21 +39,17 @@ tools::interactive::BagRecordMonitor Snapshot() {
   m.mutable_message_info()->set_freq(230.0);
   m.mutable_message_info()->set_pre_bytes(3.0 * 1048576);
   m.mutable_message_info()->set_total_bytes(250 * 1048576ULL);
-  const struct {
-    const char* name;
-    int count;
-    double freq;
-  } topics[] = {{"/camera", 300, 30.0}, {"/imu", 2000, 200.0}};
-  for (const auto& t : topics) {
+  for (const auto& [name, count, freq] : {std::tuple{"/camera", 300, 30.0}, std::tuple{"/imu", 2000, 200.0}}) {
     auto* topic = m.add_topic_info();
-    topic->set_topic_name(t.name);
-    topic->set_message_count(t.count);
-    topic->mutable_message_info()->set_freq(t.freq);
-    topic->mutable_message_info()->set_pre_bytes(t.freq * 100);
-    topic->mutable_message_info()->set_total_bytes(static_cast<uint64_t>(t.count) * 100);
+    topic->set_topic_name(name);
+    topic->set_message_count(count);
+    auto* info = topic->mutable_message_info();
+    info->set_freq(freq);
+    info->set_pre_bytes(freq * 100);
+    info->set_total_bytes(static_cast<uint64_t>(count) * 100);
     // /camera went silent: its rate now is 0, whatever its history says.
-    topic->mutable_message_info()->set_current_freq(t.count == 300 ? 0.0 : t.freq);
-    topic->mutable_message_info()->set_current_bytes(t.count == 300 ? 0.0 : t.freq * 100);
+    info->set_current_freq(count == 300 ? 0.0 : freq);
+    info->set_current_bytes(count == 300 ? 0.0 : freq * 100);
   }
   BagLosses losses;
   losses.Add("/imu", BagLossReason::kQueueFull, 2);
@@ -61,11 +59,8 @@ tools::interactive::BagRecordMonitor Snapshot() {
 }
 
 TEST(StatusLineTest, TellsTimeMessagesSizeDropsAndRates) {
-  const RecordStatus status = StatusOf(Snapshot());
-  EXPECT_EQ(2300u, status.messages);
   EXPECT_EQ("recording 01:15  2300 msgs  250 MB  7 lost  (230.0 msg/s, 3.00 MB/s, queue 3)  ! disk full",
-            FormatRecordStatus(status));
-  EXPECT_EQ(7u, LossesOf(Snapshot()).total());
+            FormatRecordStatus(StatusOf(Snapshot())));
   // From a recorder that counts no losses, the drops are what it lost.
   tools::interactive::BagRecordMonitor old;
   old.set_drop_count(4);
@@ -119,13 +114,11 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   const Json::Value json = MonitorJson({reply, reply});
   ASSERT_EQ(2u, json["recorders"].size());
   const Json::Value& r = json["recorders"][1];
-  EXPECT_EQ(40001, r["port"].asInt());
-  EXPECT_EQ(2, r["drops"].asInt());
-  EXPECT_EQ(7u, r["lost"].asUInt64());
+  for (const auto& [key, value] : {std::pair{"port", 40001.0}, {"drops", 2.0}, {"lost", 7.0}, {"record_time_s", 75.5}})
+    EXPECT_EQ(value, r[key].asDouble()) << key;
   ASSERT_EQ(2u, r["losses"].size());
   EXPECT_EQ("disk_full", r["losses"][1]["reason"].asString());
   EXPECT_EQ(5u, r["losses"][1]["count"].asUInt64());
-  EXPECT_DOUBLE_EQ(75.5, r["record_time_s"].asDouble());
   ASSERT_EQ(2u, r["topics"].size());
   EXPECT_EQ("/imu", r["topics"][1]["topic"].asString());
   EXPECT_EQ(200000u, r["topics"][1]["total_bytes"].asUInt64());
