@@ -1,7 +1,6 @@
 #include "tools/kelo_bag/terminal_keys.h"
 
-#include <fcntl.h>
-#include <stdlib.h>
+#include <pty.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -31,22 +30,21 @@ TEST(KeyDecoderTest, DecodesThePlaybackKeysWhereverTheReadsSplitThem) {
 }
 
 TEST(RawTerminalTest, DeliversKeysAtOnceWithoutEchoAndRestoresTheTerminal) {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
-  const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
-  ASSERT_GE(terminal, 0);
-  struct termios before;
-  ASSERT_EQ(0, tcgetattr(terminal, &before));
-  ASSERT_TRUE(before.c_lflag & ICANON);
+  int master = -1, terminal = -1;
+  ASSERT_EQ(0, openpty(&master, &terminal, nullptr, nullptr, nullptr));
+  const auto lflag = [&] {  // the terminal's local modes, 0 when they cannot be read
+    struct termios modes = {};
+    return tcgetattr(terminal, &modes) == 0 ? modes.c_lflag : 0;
+  };
+  const tcflag_t before = lflag();
+  ASSERT_TRUE(before & ICANON);
 
   for (int round = 0; round < 2; ++round) {
     RawTerminal raw(terminal);
     ASSERT_TRUE(raw.active());
-    struct termios during;
-    ASSERT_EQ(0, tcgetattr(terminal, &during));
-    EXPECT_FALSE(during.c_lflag & ICANON);
-    EXPECT_FALSE(during.c_lflag & ECHO);
-    EXPECT_TRUE(during.c_lflag & ISIG);  // Ctrl-C still interrupts
+    const tcflag_t during = lflag();
+    EXPECT_FALSE(during & (ICANON | ECHO));
+    EXPECT_TRUE(during & ISIG);  // Ctrl-C still interrupts
     // Without a line end, a key is readable at once.
     ASSERT_EQ(1, write(master, "q", 1));
     char c = 0;
@@ -54,13 +52,10 @@ TEST(RawTerminalTest, DeliversKeysAtOnceWithoutEchoAndRestoresTheTerminal) {
     EXPECT_EQ('q', c);
     if (round == 1) {
       RawTerminal::RestoreNow();  // as a signal handler would, before the destructor
-      ASSERT_EQ(0, tcgetattr(terminal, &during));
-      EXPECT_EQ(before.c_lflag, during.c_lflag);
+      EXPECT_EQ(before, lflag());
     }
   }
-  struct termios after;
-  ASSERT_EQ(0, tcgetattr(terminal, &after));
-  EXPECT_EQ(before.c_lflag, after.c_lflag);
+  EXPECT_EQ(before, lflag());
   close(terminal);
   close(master);
 }
