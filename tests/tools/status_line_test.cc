@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <string>
 #include <tuple>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
