@@ -19,20 +19,16 @@ ToolsOptions::ParseResult Parse(Opt* opt, std::vector<const char*> args) {
 }
 
 TEST(RecordToolOptTest, ChecksWhatTheParserCannot) {
-  const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
-      {{}, "give the topics to record"},
-      {{"-a", "/imu"}, "not both"},
-      {{"-a", "--compression", "gzip"}, "--compression must be zstd, lz4 or none"},
-      {{"-a", "-s", "-1"}, "--split_time must not be negative"},
-  };
-  for (const auto& c : cases) {
+  for (const auto& [args, error] : std::vector<std::pair<std::vector<const char*>, std::string>>{
+           {{}, "give the topics to record"}, {{"-a", "/imu"}, "not both"},
+           {{"-a", "--compression", "gzip"}, "--compression must be zstd, lz4 or none"},
+           {{"-a", "-s", "-1"}, "--split_time must not be negative"}}) {
     RecordToolOpt opt;
-    ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, c.first));
-    EXPECT_NE(std::string::npos, opt.Check().find(c.second)) << opt.Check();
+    ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, args));
+    EXPECT_NE(std::string::npos, opt.Check().find(error)) << opt.Check();
   }
   for (const auto& [args, compression] : std::vector<std::pair<std::vector<const char*>, BagCompression>>{
-           {{"/imu"}, BagCompression::kZstd},
-           {{"/imu", "--compression", "lz4"}, BagCompression::kLz4},
+           {{"/imu"}, BagCompression::kZstd}, {{"/imu", "--compression", "lz4"}, BagCompression::kLz4},
            {{"/imu", "--compression", "none"}, BagCompression::kNone}}) {
     RecordToolOpt opt;
     ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, args));
@@ -47,11 +43,9 @@ TEST(TopicSelectionTest, NamesAndWholeNamePatternsTakeExclusionsLeaveOut) {
   TopicSelection selection;
   ASSERT_EQ("", selection.Set({"/imu", "/cam/raw"}, {"/cam/.*"}, {".*/raw"}));
   for (int round = 0; round < 2; ++round) {  // the second time from what it remembers
-    EXPECT_TRUE(selection.Selects("/imu"));
-    EXPECT_TRUE(selection.Selects("/cam/front"));
-    EXPECT_FALSE(selection.Selects("/cam/raw"));
-    EXPECT_FALSE(selection.Selects("/imu2"));
-    EXPECT_FALSE(selection.Selects("x/cam/front"));
+    for (const auto& [topic, selected] : {std::pair{"/imu", true}, {"/cam/front", true}, {"/cam/raw", false},
+                                          {"/imu2", false}, {"x/cam/front", false}})
+      EXPECT_EQ(selected, selection.Selects(topic)) << topic;
   }
   EXPECT_TRUE(selection.LiteralNames().empty());
   EXPECT_FALSE(selection.TakesEverything());
