@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tools/kelo_bag/bus_recording.h"
@@ -31,16 +32,14 @@ TEST(LcmBusUrlTest, AsksForALargeReceiveBufferAndSaysWhenTheKernelCapsIt) {
   // A kernel that caps the buffer below what the URL asks is named, with the way to raise it.
   const std::string url = "udpm://239.255.76.67:7667?recv_buf_size=4194304&ttl=0";
   EXPECT_EQ(4194304, ReceiveBufferOf(url));
-  const std::string notice = ReceiveBufferCapNotice(url, 212992);
-  EXPECT_NE(std::string::npos, notice.find("212992")) << notice;
-  EXPECT_NE(std::string::npos, notice.find("sysctl -w net.core.rmem_max=4194304")) << notice;
+  EXPECT_THAT(ReceiveBufferCapNotice(url, 212992),
+              testing::AllOf(testing::HasSubstr("212992"), testing::HasSubstr("sysctl -w net.core.rmem_max=4194304")));
   EXPECT_EQ("", ReceiveBufferCapNotice(url, 4194304));
   EXPECT_EQ("", ReceiveBufferCapNotice(url, -1));  // limit unknown
   EXPECT_EQ("", ReceiveBufferCapNotice("udpm://239.255.76.67:7667?ttl=0", 1));
   EXPECT_EQ(0, ReceiveBufferOf("memq://"));
 }
 
-// Drops the kernel counted on this process's own sockets of the bus port, and no others.
 TEST(LcmBusTest, CountsTheKernelDropsOfItsOwnSocketsOnTheBusPort) {
   const std::string table =
       "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode ref "
