@@ -78,20 +78,15 @@ void Publish(const std::vector<TrafficMessage>& traffic) {
 // `messages` messages and written them all; returns what it said of that recorder.
 Json::Value WaitForRecorder(const TempDir& dir, const std::string& node, uint64_t messages) {
   Json::Value seen;
-  EXPECT_TRUE(WaitFor(
-      [&] {
-        const RunResult monitor =
-            RunToEnd({kKeloBag, "monitor", "--once", "--json", "--wait", "300"}, dir.file("monitor"));
-        EXPECT_EQ(0, monitor.code) << monitor.err;
-        Json::Value document;
-        Json::Reader().parse(monitor.out, document);
-        for (const Json::Value& recorder : document["recorders"]) {
-          if (recorder["node"].asString() == node) seen = recorder;
-        }
-        return seen["messages"].asUInt64() == messages && seen["queue"].asInt() == 0;
-      },
-      30000))
-      << node << ": " << seen.toStyledString();
+  EXPECT_TRUE(WaitFor([&] {
+    const RunResult monitor = RunToEnd({kKeloBag, "monitor", "--once", "--json", "--wait", "300"}, dir.file("monitor"));
+    EXPECT_EQ(0, monitor.code) << monitor.err;
+    Json::Value document;
+    Json::Reader().parse(monitor.out, document);
+    for (const Json::Value& recorder : document["recorders"])
+      if (recorder["node"].asString() == node) seen = recorder;
+    return seen["messages"].asUInt64() == messages && seen["queue"].asInt() == 0;
+  }, 30000)) << node << ": " << seen.toStyledString();
   return seen;
 }
 
@@ -110,11 +105,10 @@ testing::AssertionResult HoldTraffic(const std::vector<std::string>& bags, const
       got[m.topic].push_back(m.data);
     }
   }
-  for (const auto& [channel, payloads] : want) {
+  for (const auto& [channel, payloads] : want)
     if (got[channel] != payloads)
       return testing::AssertionFailure() << channel << ": " << got[channel].size() << " of " << payloads.size()
                                          << " messages, or other bytes";
-  }
   if (got.size() != want.size()) return testing::AssertionFailure() << got.size() << " channels";
   return testing::AssertionSuccess();
 }
