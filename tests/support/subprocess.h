@@ -40,23 +40,17 @@ class Subprocess {
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      const int in = open("/dev/null", O_RDONLY);
-      const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(in, 0);
-      dup2(out, 1);
-      dup2(err, 2);
+    if ((pid_ = fork()) == 0) {
+      dup2(open("/dev/null", O_RDONLY), 0);
+      dup2(open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+      dup2(open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
       execv(args[0], args.data());
       _exit(127);
     }
   }
   ~Subprocess() {
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    Signal(SIGKILL);
+    if (pid_ > 0 && !exited_) waitpid(pid_, nullptr, 0);
   }
 
   Subprocess(const Subprocess&) = delete;
@@ -83,7 +77,6 @@ class Subprocess {
 
  private:
   bool Poll() {
-    if (exited_) return true;
     if (pid_ <= 0) return exited_ = true;
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
@@ -92,8 +85,7 @@ class Subprocess {
     return true;
   }
 
-  const std::string out_path_;
-  const std::string err_path_;
+  const std::string out_path_, err_path_;
   pid_t pid_ = -1;
   bool exited_ = false;
   int code_ = -1;
@@ -109,8 +101,7 @@ struct RunResult {
 inline RunResult RunToEnd(const std::vector<std::string>& argv, const std::string& log_prefix,
                           int timeout_ms = 60000) {
   Subprocess process(argv, log_prefix);
-  const int code = process.Wait(timeout_ms);
-  return {code, process.Stdout(), process.Stderr()};
+  return {process.Wait(timeout_ms), process.Stdout(), process.Stderr()};  // in this order
 }
 
 }  // namespace testing_support
