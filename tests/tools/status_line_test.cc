@@ -95,10 +95,7 @@ TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
 }
 
 TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
-  RecordMonitorClient::Reply reply;
-  reply.peer = "127.0.0.1";
-  reply.port = 40001;
-  reply.monitor = Snapshot();
+  const RecordMonitorClient::Reply reply{"127.0.0.1", 40001, Snapshot()};
   const std::string table = FormatMonitorTable({reply});
   for (const char* text :
        {"car7 at 127.0.0.1:40001 (continuous)\n", "file rec/bag_20240305140709_2.kelobag.active\n",
