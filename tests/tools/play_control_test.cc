@@ -44,15 +44,11 @@ class Playback {
     EXPECT_TRUE(!loop || control_->Apply(Key::kLoop));
     EXPECT_TRUE(play_->ControlPlay(start_s, duration_s));
     stepper_ = std::thread([this] {
-      while (!stop_) {
+      while (!stop_)
         if (control_->Step() != BagPlay::kPlayed) usleep(10000);
-      }
     });
   }
-  ~Playback() {
-    stop_.store(true);
-    stepper_.join();
-  }
+  ~Playback() { stop_.store(true), stepper_.join(); }
 
   PlayControl& control() { return *control_; }
   bool paused() { return paused_; }
