@@ -138,8 +138,7 @@ TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesT
                     dir.file("record"));
   // The window reaches 60 s back, past any wait of a loaded machine, and 1 s past the trigger.
   Subprocess cache({kKeloBag, "record", "-a", "--trigger", "-o", trig_dir + "/", "--reserve", "60", "--duration",
-                    "61", "-n", "trig_node"},
-                   dir.file("cache"));
+                    "61", "-n", "trig_node"}, dir.file("cache"));
   ASSERT_TRUE(record.Prints("recording every channel") && cache.Prints("caching every channel"))
       << record.Stderr() << cache.Stderr();
   EXPECT_THAT(cache.Stdout(), StartsWith("caching every channel")) << "no debug line first";
