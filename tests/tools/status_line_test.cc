@@ -1,6 +1,7 @@
 #include "tools/kelo_bag/status_line.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <tuple>
 
@@ -15,15 +16,6 @@ namespace cli {
 namespace {
 
 using testing::HasSubstr;
-
-// What a StatusLine wrote, read back from its file.
-std::string Written(FILE* file) {
-  std::fflush(file);
-  std::rewind(file);
-  std::string text;
-  for (int c; (c = std::fgetc(file)) != EOF;) text += static_cast<char>(c);
-  return text;
-}
 
 tools::interactive::BagRecordMonitor Snapshot() {
   tools::interactive::BagRecordMonitor m;
@@ -69,7 +61,9 @@ TEST(StatusLineTest, TellsTimeMessagesSizeDropsAndRates) {
 }
 
 TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
-  FILE* file = std::tmpfile();
+  char* written = nullptr;
+  size_t size = 0;
+  FILE* file = open_memstream(&written, &size);
   StatusLine status(file, true);
   status.Show("recording 00:01  12 msgs");
   status.Show("recording 00:02  24 msgs");
@@ -83,6 +77,7 @@ TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
   status.AfterText("duration:\n  12.50\n");
   status.Clear();
   status.Clear();  // nothing left to clear
+  std::fclose(file);
   EXPECT_EQ(
       "\r\033[Krecording 00:01  12 msgs\r"
       "\r\033[Krecording 00:02  24 msgs\r"
@@ -90,8 +85,8 @@ TEST(StatusLineTest, RedrawsInPlaceAndErasesWhatAShorterTextLeftOfIt) {
       "\0337\033[1A\033[12G\033[K\0338"
       "\r\033[Krecording 00:04  48 msgs\r"
       "\0337\033[2A\033[10G\033[K\0338",
-      Written(file));
-  std::fclose(file);
+      std::string(written, size));
+  std::free(written);
 }
 
 TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
