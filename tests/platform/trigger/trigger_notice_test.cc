@@ -20,8 +20,7 @@ TEST(TriggerNoticeTest, ParsesBackExactlyTheTextsItWrites) {
   for (const TriggerNotice& notice : valid) {
     TriggerNotice back{-7, "untouched"};
     ASSERT_TRUE(notice.IsValid() && TriggerNotice::Parse(notice.ToText(), &back)) << notice.ToText();
-    EXPECT_EQ(back.time_ms, notice.time_ms);
-    EXPECT_EQ(back.label, notice.label);
+    EXPECT_EQ(std::make_pair(back.time_ms, back.label), std::make_pair(notice.time_ms, notice.label));
   }
   const std::vector<std::string> bad = {
       "", "trigger", "trigger ", "trigger  1", "Trigger 1", "trigger 1 ", "trigger 1  a", "trigger 01",
@@ -33,13 +32,10 @@ TEST(TriggerNoticeTest, ParsesBackExactlyTheTextsItWrites) {
   for (const std::string& text : bad) {
     TriggerNotice notice{42, "kept"};
     EXPECT_FALSE(TriggerNotice::Parse(text, &notice)) << text;
-    EXPECT_EQ(notice.time_ms, 42);
-    EXPECT_EQ(notice.label, "kept");
+    EXPECT_EQ(notice.ToText(), "trigger 42 kept") << "touched by " << text;
   }
-  for (const char* label : {"a b", "../x", "a\\b", "\xc3\xa4", "a*"}) {
-    EXPECT_FALSE(TriggerNotice::IsValidLabel(label)) << label;
-    EXPECT_FALSE((TriggerNotice{1, label}.IsValid())) << label;
-  }
+  for (const char* label : {"a b", "../x", "a\\b", "\xc3\xa4", "a*"})
+    EXPECT_FALSE((TriggerNotice::IsValidLabel(label) || TriggerNotice{1, label}.IsValid())) << label;
   EXPECT_FALSE((TriggerNotice{-1, ""}.IsValid()));
   EXPECT_FALSE((TriggerNotice{TriggerNotice::kMaxTimeMs + 1, ""}.IsValid()));
 }
