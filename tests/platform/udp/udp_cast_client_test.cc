@@ -20,13 +20,10 @@ using Reply = UdpCastClient::Reply;
 using Deadline = std::chrono::steady_clock::time_point;
 constexpr char kGroup[] = "224.0.0.88";
 
-// Answers `key` under key + "_recv" with `body`, or with the question's body.
-void Serve(UdpCastServer* server, const std::string& key, const std::string& body = "") {
-  server->register_callback(key, [server, key, body](const std::string& peer, int port, UdpMessage& m) {
-    UdpMessage reply = m.create_recv(key + "_recv");
-    reply.write_bytes(body.empty() ? m.body().data() : body.data(),
-                      body.empty() ? m.body().size() : body.size());
-    server->send_data(peer, port, reply);
+// Answers "who" under "who_recv" with `body`.
+void Serve(UdpCastServer* server, const std::string& body) {
+  server->register_callback("who", [server, body](const std::string& peer, int port, UdpMessage& m) {
+    server->send_data(peer, port, UdpMessage("who_recv", body, 0, m.id()));
   });
 }
 
@@ -35,8 +32,8 @@ TEST(UdpCastClientTest, EveryServerOfTheGroupAnswersAndAQueryStopsAtItsLimit) {
   std::string big(kUdpMaxBodyBytes, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
   UdpCastServer first(kGroup, 28106), second(kGroup, 28106);
-  Serve(&first, "who", big);
-  Serve(&second, "who", "second");
+  Serve(&first, big);
+  Serve(&second, "second");
   UdpCastClient client;
   EXPECT_EQ(client.query(kGroup, 28106, "who", "", "who_recv", 60000, 1).size(), 1u);
   std::set<std::string> bodies;

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/udp/udp_frame.h"
 #include "tests/support/report_log.h"
 #include "tests/support/subprocess.h"
 
@@ -36,15 +35,6 @@ struct Inbox : testing_support::ReportLog {
 
 std::string From(const UdpCastServer& s) { return "127.0.0.1:" + std::to_string(s.endpoint_port()) + " "; }
 
-// Answers under key + "_recv" with the question's body.
-void ServeEcho(UdpCastServer* server, const std::string& key) {
-  server->register_callback(key, [server, key](const std::string& peer, int port, UdpMessage& m) {
-    UdpMessage reply = m.create_recv(key + "_recv");
-    reply.write_bytes(m.body().data(), m.body().size());
-    server->send_data(peer, port, reply);
-  });
-}
-
 // Catches messages handed to a wrong or replaced callback, and answers heard by the whole group.
 TEST(UdpCastServerTest, DeliversToTheCurrentCallbackOfTheKeyAndAnswersOnlyTheAsker) {
   Inbox alpha, beta, replaced, answers, overheard;  // first: the servers' destructors stop the calls
@@ -52,7 +42,9 @@ TEST(UdpCastServerTest, DeliversToTheCurrentCallbackOfTheKeyAndAnswersOnlyTheAsk
   ASSERT_TRUE(receiver.ok() && asker.ok() && bystander.ok()) << receiver.error();
   receiver.register_callback("alpha", alpha.Collect());
   receiver.register_callback("beta", beta.Collect());
-  ServeEcho(&receiver, "ask");
+  receiver.register_callback("ask", [&receiver](const std::string& peer, int port, UdpMessage& m) {
+    receiver.send_data(peer, port, UdpMessage("ask_recv", m.body(), 0, m.id()));  // the echo of a question
+  });
   asker.register_callback("ask_recv", answers.Collect());
   bystander.register_callback("ask_recv", overheard.Collect());
   for (const char* key : {"alpha", "beta", "gamma", "ask"})
