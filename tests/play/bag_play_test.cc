@@ -11,8 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "output/tools_module_output.h"
-#include "platform/bag/bag_reader.h"
 #include "record/wall_clock.h"
 #include "tests/play/play_test_bags.h"
 
