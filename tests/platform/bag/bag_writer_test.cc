@@ -27,19 +27,14 @@ using testing::HasSubstr;
 
 // A tmpfs of `bytes` at `dir` (which must exist) for the object's life: a disk that fills up.
 // Needs the private mount namespace that tests/run_in_netns.sh gives the test.
-class SmallDisk {
- public:
+struct SmallDisk {
   SmallDisk(const std::string& dir, size_t bytes)
-      : dir_(dir), mounted_(::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + std::to_string(bytes)).c_str()) == 0) {
-    EXPECT_TRUE(mounted_) << "cannot mount at " << dir << ": " << std::strerror(errno);
+      : dir(dir), mounted(::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + std::to_string(bytes)).c_str()) == 0) {
+    EXPECT_TRUE(mounted) << "cannot mount at " << dir << ": " << std::strerror(errno);
   }
-  ~SmallDisk() {
-    if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
-  }
-
- private:
-  const std::string dir_;
-  const bool mounted_;
+  ~SmallDisk() { if (mounted) ::umount2(dir.c_str(), MNT_DETACH); }
+  const std::string dir;
+  const bool mounted;
 };
 
 std::string Datas(const std::string& file) {
@@ -232,18 +227,15 @@ TEST(BagWriterTest, EveryPartCarriesTheRecordingInfoFromItsStartOnce) {
   writer.open("0");
   writer.append_message(1, 1, "/t", "first", "T");
   const std::string active = dir.file("r_0.kelobag.active");
+  const auto info = testing::Field(&BagMetadata::values, options.recording_info);
+  const auto named = [](const std::string& name) { return testing::Field(&BagMetadata::name, name); };
   WaitFor([&] { return BagReader(active).count() == 1; }, 10000);
-  const std::vector<BagMetadata> unfinished = BagReader(active).metadata();
-  ASSERT_EQ(1u, unfinished.size());
-  EXPECT_EQ(BagWriterOptions::kRecordingMetadataName, unfinished[0].name);
-  EXPECT_EQ(options.recording_info, unfinished[0].values);
+  EXPECT_THAT(BagReader(active).metadata(),
+              testing::ElementsAre(testing::AllOf(named(BagWriterOptions::kRecordingMetadataName), info)));
   const std::string first = writer.save_file("1");
   writer.append_message(2, 2, "/t", "second", "T");
-  for (const std::string& part : {first, writer.close()}) {
-    std::vector<BagMetadata> all = BagReader(part).metadata();
-    ASSERT_EQ(2u, all.size()) << part;  // and each channel's times, at the end
-    EXPECT_EQ(options.recording_info, all[0].values) << part;
-    EXPECT_EQ("kelo_channel_times", all[1].name) << part;
+  for (const std::string& part : {first, writer.close()}) {  // and each channel's times, at the end
+    EXPECT_THAT(BagReader(part).metadata(), testing::ElementsAre(info, named("kelo_channel_times"))) << part;
   }
 }
 
