@@ -34,22 +34,18 @@ std::string Numbers(const BagRecordOpt& opt) {
 
 // Catches a default applied to a negative, a sign lost or a 32-bit overflow in the MB shift, and a reload compounding.
 TEST(BagRecordOptTest, DefaultsAndMegabyteConversionsNeverCompound) {
-  const struct {
-    const char *line, *numbers;
-  } cases[] = {
-      {"--cache 1 --fs 10 --debug 1", "60 65 1048576 10485760 0 0"},
-      {"--cache -1 --fs -5 --debug debug --debug 3", "60 65 -1048576 -5 0 0"},
-      {"--cache 0 --fs 0 --reserve 0 --duration 0 --debug 22", "60 65 2147483648 0 0 0"},
-      {"--reserve -1 --duration -2 --debug 1 --debug 2", "-1 -2 2147483648 0 0 1"},
-      {"--reserve 70 --duration 65 --debug 1,2,3", "70 65 2147483648 0 0 1"},
-      {"--cache 2147483647 --fs 2147483647", "60 65 2251799812636672 2251799812636672 0 0"},
-  };
-  for (const auto& c : cases) {
+  for (const auto& [line, numbers] : std::vector<std::pair<const char*, const char*>>{
+           {"--cache 1 --fs 10 --debug 1", "60 65 1048576 10485760 0 0"},
+           {"--cache -1 --fs -5 --debug debug --debug 3", "60 65 -1048576 -5 0 0"},
+           {"--cache 0 --fs 0 --reserve 0 --duration 0 --debug 22", "60 65 2147483648 0 0 0"},
+           {"--reserve -1 --duration -2 --debug 1 --debug 2", "-1 -2 2147483648 0 0 1"},
+           {"--reserve 70 --duration 65 --debug 1,2,3", "70 65 2147483648 0 0 1"},
+           {"--cache 2147483647 --fs 2147483647", "60 65 2251799812636672 2251799812636672 0 0"}}) {
     BagRecordOpt opt;
-    ASSERT_EQ(Parse(&opt, c.line), Result::kLoaded) << opt.error();
-    EXPECT_EQ(Numbers(opt), c.numbers) << c.line;
+    ASSERT_EQ(Parse(&opt, line), Result::kLoaded) << opt.error();
+    EXPECT_EQ(Numbers(opt), numbers) << line;
     opt.load_opts();  // loading again starts from the parsed values
-    EXPECT_EQ(Numbers(opt), c.numbers) << c.line;
+    EXPECT_EQ(Numbers(opt), numbers) << line;
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -42,22 +43,17 @@ void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
 // Catches a managed folder when switched off or not a folder, and the wrong mode at the 2048 MB edge or below 0.
 TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAModeBySize) {
   TempDir dir;
-  struct Case {
-    bool file;  // the output names a file, not only a folder
-    std::vector<const char*> args;
-    int mode;   // -1: no manager
-  } cases[] = {
-      {true, {"--nospacelimit"}, -1}, {true, {"--fs", "2048"}, 1}, {true, {"--fs", "2049"}, 0},
-      {true, {"--fs", "-5"}, 1},      {false, {}, -1},
-  };
-  for (const Case& c : cases) {
+  // Whether the output names a file (not only a folder), the options, and the manager's mode (-1: none).
+  for (const auto& [file, args, mode] : std::vector<std::tuple<bool, std::vector<const char*>, int>>{
+           {true, {"--nospacelimit"}, -1}, {true, {"--fs", "2048"}, 1}, {true, {"--fs", "2049"}, 0},
+           {true, {"--fs", "-5"}, 1}, {false, {}, -1}}) {
     BagRecordOpt opt;
-    Load(&opt, dir.file("drive"), c.args);
+    Load(&opt, dir.file("drive"), args);
     testing::internal::CaptureStdout();
-    BagRecordTrigger writer(opt, fileio::FilePath(c.file ? opt.output : dir.path() + "/"));
+    BagRecordTrigger writer(opt, fileio::FilePath(file ? opt.output : dir.path() + "/"));
     testing::internal::GetCapturedStdout();
-    ASSERT_EQ(writer.space_manager() != nullptr, c.mode >= 0);
-    if (c.mode >= 0) { EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), c.mode); }
+    ASSERT_EQ(writer.space_manager() != nullptr, mode >= 0);
+    if (mode >= 0) { EXPECT_EQ(static_cast<int>(writer.space_manager()->mode()), mode); }
   }
 }
 
@@ -95,9 +91,8 @@ TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBa
     return "deleted " + dir.file(name) + " (600000 bytes) to keep " + dir.path() + " within its 1 MB budget";
   };
   EXPECT_THAT(reports.texts(), ElementsAre(deleted("drive_20200101000001_a.kelobag"), deleted("drive_20200101000002.kelobag")));
-  std::vector<std::string> names = dir.List();
-  EXPECT_EQ(std::count(names.begin(), names.end(), "drive_20200101000003-1.kelobag"), 1);
-  EXPECT_EQ(names.size(), 1u + 5u + 1u) << "the newest own bag, the others' files and the new bag";
+  EXPECT_THAT(dir.List(), testing::AllOf(testing::Contains("drive_20200101000003-1.kelobag"), testing::SizeIs(7)))
+      << "the newest own bag, the others' 5 files and the new bag";
 }
 
 }  // namespace
