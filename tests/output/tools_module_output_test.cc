@@ -83,9 +83,7 @@ TEST(ToolsModuleOutputTest, ConcurrentAndReentrantPrintingKeepsEveryTextWhole) {
   std::atomic<bool> stop{false};
   out.set_output_string_func(keep);
   testing::internal::CaptureStdout();
-  std::thread swapper([&] {
-    while (!stop) out.set_output_string_func(keep);
-  });
+  std::thread swapper([&] { while (!stop) out.set_output_string_func(keep); });
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t)
     threads.emplace_back([&, t] {

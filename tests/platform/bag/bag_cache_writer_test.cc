@@ -119,9 +119,8 @@ TEST(BagCacheWriterTest, WritesNoFileWithoutAMessageInTheWindowOrAValidNotice) {
   EXPECT_EQ(writer.save_file(Notice(kTrigger, "empty")), "") << "nothing cached at all";
   writer.append_message(kTrigger + 5000, kTrigger, "/a", "late", "T");
   writer.append_message(-1, kTrigger, "/a", "cannot be stored", "T");
-  for (const std::string& bad : {std::string("trigger x"), Notice(kTrigger, "outside")}) {
+  for (const std::string& bad : {std::string("trigger x"), Notice(kTrigger, "outside")})
     EXPECT_EQ(writer.save_file(bad), "") << bad;
-  }
   EXPECT_EQ(writer.close(), "");
   EXPECT_TRUE(dir.List().empty());
   // The cache outlives close(): a notice still due afterwards saves its window.
