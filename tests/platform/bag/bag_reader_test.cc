@@ -1,7 +1,6 @@
 #include "platform/bag/bag_reader.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -102,8 +101,9 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
     WriteFile(dir.file("zero.kelobag"), bytes);
     BagReader reader(dir.file("zero.kelobag"));
     EXPECT_TRUE(reader.count() == bag.messages.size() || reader.file_info().damaged) << int{target};
-    if (target == mcap::kOpChunkIndex)
+    if (target == mcap::kOpChunkIndex) {
       EXPECT_THAT(reader.get_error(), testing::HasSubstr("summary damaged (broken record in the summary)"));
+    }
   }
   const size_t at = Find(bag.bytes, mcap::kOpChunkIndex);
   // Its chunk at the file's magic, or longer than the file.
