@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "record/wall_clock.h"
 #include "tests/play/play_test_bags.h"

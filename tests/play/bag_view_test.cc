@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/bag/bag_reader.h"
 #include "tests/play/play_test_bags.h"

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/udp/udp_cast_manager.h"
 #include "record/bag_record.h"

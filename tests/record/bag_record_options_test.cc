@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "record/bag_record_options.h"
 

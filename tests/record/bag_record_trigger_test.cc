@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/fileio/file_path.h"
 #include "platform/space/file_space_manager.h"

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/trigger/trigger_key.h"
 #include "platform/trigger/trigger_notice.h"
