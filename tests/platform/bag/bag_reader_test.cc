@@ -66,13 +66,10 @@ ChunkedBag MakeChunkedBag(const TempDir& dir, BagCompression compression) {
   mcap::BagIndex index;
   std::string error;
   EXPECT_TRUE(file.Open(dir.file("chunked.kelobag"), &error) && BuildIndex(file, &decompressor, &index, &error));
-  std::vector<size_t> per_block(index.blocks.size());
-  for (const auto& m : index.messages) ++per_block[m.block];
-  size_t total = 0;
-  for (size_t b = 0; b < index.blocks.size(); ++b) {
-    total += per_block[b];
-    bag.chunks.push_back({index.blocks[b].offset, index.blocks[b].offset + index.blocks[b].length, total});
-  }
+  auto& chunks = bag.chunks;
+  for (const mcap::Block& block : index.blocks) chunks.push_back({block.offset, block.offset + block.length, 0});
+  for (const auto& m : index.messages) ++chunks[m.block].messages_so_far;  // then summed up to each chunk
+  for (size_t b = 1; b < chunks.size(); ++b) chunks[b].messages_so_far += chunks[b - 1].messages_so_far;
   return bag;
 }
 
