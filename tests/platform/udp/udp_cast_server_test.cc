@@ -78,8 +78,7 @@ TEST(UdpCastServerTest, UnregisterWaitsForTheRunningCallButNotForItself) {
     receiver.unregister_callback("once");
     receiver.register_callback("later", later.Collect());
   });
-  receiver.register_callback("bad",
-                             [](const std::string&, int, UdpMessage&) { throw std::runtime_error(""); });
+  receiver.register_callback("bad", [](const std::string&, int, UdpMessage&) { throw std::runtime_error(""); });
   ASSERT_TRUE(sender.send_data(kGroup, 28005, UdpMessage("slow")));
   ASSERT_TRUE(Eventually([&] { return entered.load(); }));
   bool finished_at_return = false;
