@@ -3,6 +3,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -54,23 +55,19 @@ TEST_F(BagViewTest, RangesPositionEveryBagAndEndAtTheMillisecond) {
   BagReader* b = Open("b", At("/b", {1200, 4000}));
   BagReader* c = Open("c", At("/c", {2200, 2300}));
   BagReader* d = Open("d", At("/d", {1000, 1001, 1002, 1003, 1004}));
-  const struct {
-    std::vector<BagReader*> bags;
-    long start, duration, expected_duration;
-    std::vector<std::string> played;
-  } cases[] = {
-      {{a, b, c}, 0, 0, 3000, {"/a@1000", "/b@1200", "/a@1500", "/c@2200", "/c@2300", "/b@4000"}},
-      {{c, b, a}, 100, 60000, 2900, {"/b@1200", "/a@1500", "/c@2200", "/c@2300", "/b@4000"}},
-      {{a, b, c}, 1250, 0, 1750, {"/c@2300", "/b@4000"}},
-      {{a, b, c}, 0, 700, 700, {"/a@1000", "/b@1200", "/a@1500"}},  // c begins after the end
-      {{d}, 1, 2, 2, {"/d@1001", "/d@1002", "/d@1003"}},
-  };
-  for (const auto& row : cases) {
+  // The bags, the range asked for, the duration it gets, and what plays.
+  using Row = std::tuple<std::vector<BagReader*>, long, long, long, std::vector<std::string>>;
+  for (const auto& [bags, start, duration, expected_duration, played] : std::vector<Row>{
+           {{a, b, c}, 0, 0, 3000, {"/a@1000", "/b@1200", "/a@1500", "/c@2200", "/c@2300", "/b@4000"}},
+           {{c, b, a}, 100, 60000, 2900, {"/b@1200", "/a@1500", "/c@2200", "/c@2300", "/b@4000"}},
+           {{a, b, c}, 1250, 0, 1750, {"/c@2300", "/b@4000"}},
+           {{a, b, c}, 0, 700, 700, {"/a@1000", "/b@1200", "/a@1500"}},  // c begins after the end
+           {{d}, 1, 2, 2, {"/d@1001", "/d@1002", "/d@1003"}}}) {
     BagView view;
-    for (BagReader* r : row.bags) view.append_bag(r);
-    view.set_time_ms(row.start, row.duration);
-    EXPECT_EQ(view.duration(), row.expected_duration) << row.start << "+" << row.duration;
-    EXPECT_EQ(Drain(&view), row.played) << row.start << "+" << row.duration;
+    for (BagReader* r : bags) view.append_bag(r);
+    view.set_time_ms(start, duration);
+    EXPECT_EQ(view.duration(), expected_duration) << start << "+" << duration;
+    EXPECT_EQ(Drain(&view), played) << start << "+" << duration;
   }
   // Positioned again, bags are placed while the old end holds: an earlier start works, a
   // start past the old end closes every bag.

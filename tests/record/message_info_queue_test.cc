@@ -1,3 +1,4 @@
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -47,19 +48,15 @@ TEST(MessageInfoQueueTest, TheRateNowFallsToZeroOnceAStreamGoesSilent) {
   Queue fast, slow;
   for (int i = 0; i <= 10; ++i) fast.append({100.0 + i * 0.1, 50});  // 10 Hz, last at 101.0
   for (int i = 0; i <= 4; ++i) slow.append({100.0 + i * 5.0, 50});   // 0.2 Hz, last at 120.0
-  const struct {
-    const Queue* queue;
-    double now;
-    bool silent;
-  } cases[] = {{&fast, 102.9, false}, {&fast, 103.1, true}, {&slow, 129.9, false}, {&slow, 130.1, true}};
-  for (const auto& c : cases) {
+  for (const auto& [queue, now, silent] : std::vector<std::tuple<const Queue*, double, bool>>{
+           {&fast, 102.9, false}, {&fast, 103.1, true}, {&slow, 129.9, false}, {&slow, 130.1, true}}) {
     tools::interactive::BagRecordMessageInfo info;
-    FillMonitorRates(*c.queue, c.now, &info);
-    EXPECT_DOUBLE_EQ(c.queue->freq(), info.freq()) << c.now;
-    EXPECT_DOUBLE_EQ(c.queue->pre_bytes(), info.pre_bytes());
-    EXPECT_EQ(c.queue->total_bytes(), info.total_bytes());
-    EXPECT_DOUBLE_EQ(c.silent ? 0.0 : c.queue->freq(), info.current_freq()) << c.now;
-    EXPECT_DOUBLE_EQ(c.silent ? 0.0 : c.queue->pre_bytes(), info.current_bytes()) << c.now;
+    FillMonitorRates(*queue, now, &info);
+    EXPECT_DOUBLE_EQ(queue->freq(), info.freq()) << now;
+    EXPECT_DOUBLE_EQ(queue->pre_bytes(), info.pre_bytes());
+    EXPECT_EQ(queue->total_bytes(), info.total_bytes());
+    EXPECT_DOUBLE_EQ(silent ? 0.0 : queue->freq(), info.current_freq()) << now;
+    EXPECT_DOUBLE_EQ(silent ? 0.0 : queue->pre_bytes(), info.current_bytes()) << now;
   }
 }
 
