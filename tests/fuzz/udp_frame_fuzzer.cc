@@ -6,11 +6,8 @@
 // `sender` picks one of a few source addresses and ports, `clock step` advances the clock
 // by that many times 16 ms, so that timeouts and evictions are reached too. Checked on
 // every datagram: nothing crashes or leaks, memory stays within the limits, every drop is
-// counted under one reason, and what parses re-encodes to the same bytes.
-//
-// Build: clang++ -std=c++17 -g -O1 -fsanitize=fuzzer,address,undefined -I. \
-//   tests/fuzz/udp_frame_fuzzer.cc platform/udp/udp_frame.cc platform/udp/udp_reassembler.cc \
-//   platform/udp/udp_message.cc platform/udp/memory_stream.cc -o udp_frame_fuzzer
+// counted under one reason, and what parses re-encodes to the same bytes (built by
+// tests/fuzz/CMakeLists.txt).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

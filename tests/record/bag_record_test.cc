@@ -48,17 +48,6 @@ int SaveThreads() {
   return count;
 }
 
-// Waits until the recorder no longer takes messages: an empty payload is reported only while it runs.
-void WaitUntilStopped(BagRecord* record, ReportLog* log) {
-  const std::string line = "error message data. topic name: /probe\n";
-  for (;;) {
-    size_t before = log->Count(line);
-    record->AppendMessage(0, "/probe", "probe", "");
-    if (log->Count(line) == before) return;
-    usleep(1000);
-  }
-}
-
 TEST(BagRecordTest, ReportsItsFileAndLifecycleInOrderWithOneNamedSaveThread) {
   TempDir dir;
   testing::internal::CaptureStdout();
@@ -141,7 +130,13 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   log.WaitUntilHeld();  // the save thread is completing part 0 on behalf of the message at 3000
   EXPECT_FALSE(record.Drain(200)) << "messages are still being written";
   std::thread stopper([&] { record.Stop(); });
-  WaitUntilStopped(&record, &log);
+  // Until the recorder no longer takes messages: an empty payload is reported only while it runs.
+  const std::string probe = "error message data. topic name: /probe\n";
+  ASSERT_TRUE(WaitFor([&] {
+    const size_t before = log.Count(probe);
+    record.AppendMessage(0, "/probe", "probe", "");
+    return log.Count(probe) == before;
+  }, 20000));
   log.Release();
   stopper.join();
 
