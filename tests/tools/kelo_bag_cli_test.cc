@@ -107,7 +107,7 @@ TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
       {"record", "-a", "--trigger", "--cache", "-1"}, {"record", "-a", "--reserve", "5"},
       {"play"}, {"play", "--start", "-1", "a.kelobag"}, {"play", "--duration", "x", "a.kelobag"},
       {"play", "--duration", "-2", "a.kelobag"}, {"play", "--rate", "0.05", "a.kelobag"},
-      {"play", "--rate", "2x", "a.kelobag"}, {"play", "--topics", "(", "a.kelobag"},
+      {"play", "--rate", "2x", "a.kelobag"}, {"play", "--rate", "101", "a.kelobag"}, {"play", "--topics", "(", "a.kelobag"},
       {"play", "--remap", "/a:=/b", "a.kelobag"}, {"play", "--publish", "--remap", "/a", "a.kelobag"},
       {"play", "--paused", "a.kelobag"}, {"info"}, {"info", "--jsn", "a.kelobag"},
       {"monitor", "extra"}, {"monitor", "--wait", "0"}, {"trigger", "--label", "two words"},
@@ -318,8 +318,10 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   lcm_eventlog_t* log = lcm_eventlog_create(dir.file("bus.lcmlog").c_str(), "w");
   std::vector<char> data(600 << 10, 'x');
   char channel[] = "/seq";
-  for (int i = 0; i < 3; ++i) {
-    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, 4, 600 << 10, channel, data.data()};
+  char empty[] = "/empty";  // the last message has nothing to store: lost, and said on which topic
+  for (int i = 0; i < 4; ++i) {
+    lcm_eventlog_event_t event{i, 1700000000000000L + i * 1500000L, i < 3 ? 4 : 6, i < 3 ? 600 << 10 : 0,
+                               i < 3 ? channel : empty, data.data()};
     ASSERT_TRUE(log != nullptr && lcm_eventlog_write_event(log, &event) == 0);
   }
   lcm_eventlog_destroy(log);
@@ -329,12 +331,12 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
     const RunResult run = KeloBag(dir, {"record", "--url", at_once, "-a", "-o", output});
     EXPECT_EQ(1, run.code) << output;
     EXPECT_EQ("record: the LCM bus failed; stopping\n", run.err);
-    EXPECT_THAT(run.out, HasSubstr("received 3 messages"));
+    EXPECT_THAT(run.out, HasSubstr("lost on /empty: 1 empty\nreceived 4 messages"));
   }
   for (const char* folder : {"rec", "plain"}) EXPECT_EQ(1u, testing_support::ListDir(dir.file(folder)).size());
   // Channels chosen by whole-name patterns, and left out by them.
   for (const auto& [args, received] : std::vector<std::pair<std::vector<std::string>, std::string>>{
-           {{"--regex", "/s.q"}, "received 3 messages"}, {{"-a", "--exclude", "/s.*"}, "received 0 messages"}}) {
+           {{"--regex", "/s.q"}, "received 3 messages"}, {{"-a", "--exclude", "/s.*"}, "received 1 messages"}}) {
     std::vector<std::string> command = {"record", "--url", at_once, "-o", dir.file("chosen") + "/"};
     command.insert(command.end(), args.begin(), args.end());
     EXPECT_THAT(KeloBag(dir, command).out, HasSubstr(received)) << args[1];
@@ -350,6 +352,10 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   ASSERT_EQ(2u, left.size()) << parts.out;
   const std::string first_part = left[0].substr(0, left[0].rfind('_')) + "_0.kelobag";
   EXPECT_THAT(parts.out, HasSubstr("deleted " + dir.file("parts") + "/" + first_part + " (--max-files 1)\n"));
+  setenv("LCM_DEFAULT_URL", "nosuch://", 1);  // a default bus that cannot be opened: no fault of the command line
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"record", "-a"}, {"play", "--publish", "a.kelobag"}})
+    EXPECT_THAT(KeloBag(dir, args), ExitsSaying(1, ": cannot open the LCM bus at \"nosuch://\"")) << args[0];
+  unsetenv("LCM_DEFAULT_URL");
 }
 
 // Catches ranges and topics not applied, merges out of time order, types lost on the way,
