@@ -1,8 +1,5 @@
 // Feeds arbitrary datagrams to the cast protocol's parser and reassembler. The input is a
-// sequence of records:
-//
-//   u16 length (little-endian) | u8 sender | u8 clock step | `length` bytes of datagram
-//
+// sequence of records, each `u16 length (little-endian) | u8 sender | u8 clock step | datagram`:
 // `sender` picks one of a few source addresses and ports, `clock step` advances the clock
 // by that many times 16 ms, so that timeouts and evictions are reached too. Checked on
 // every datagram: nothing crashes or leaks, memory stays within the limits, every drop is

@@ -1,5 +1,4 @@
-// The C++ half of the interoperability check with an independent MCAP implementation.
-//
+// The C++ half of the interoperability check with an independent MCAP implementation:
 //   bag_interop_tool write <dir>   writes bags (one per compression) and, beside each,
 //                                  <bag>.expected.json with what it holds
 // (Files of other writers are read by mcap_conformance_test.)

@@ -189,10 +189,8 @@ TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
   TempDir dir;
   const BagWriterOptions defaults = DefaultBagWriterOptions();
   BagWriterOptions slow = defaults;
-  slow.compression = BagCompression::kNone;
-  slow.chunk_size = 16 * 1024;
-  slow.max_queued_bytes = 32 * 1024;
-  slow.max_write_bytes_per_second = 100 * 1024;
+  slow.compression = BagCompression::kNone, slow.chunk_size = 16 * 1024;
+  slow.max_queued_bytes = 32 * 1024, slow.max_write_bytes_per_second = 100 * 1024;
   SetDefaultBagWriterOptions(slow);
   BagRecord record("node", dir.path() + "/", 0);
   SetDefaultBagWriterOptions(defaults);
