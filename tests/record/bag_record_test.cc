@@ -189,8 +189,10 @@ TEST(BagRecordTest, ANewTopicIsTakenWhileTheDiskIsBehind) {
   TempDir dir;
   const BagWriterOptions defaults = DefaultBagWriterOptions();
   BagWriterOptions slow = defaults;
-  slow.compression = BagCompression::kNone, slow.chunk_size = 16 * 1024;
-  slow.max_queued_bytes = 32 * 1024, slow.max_write_bytes_per_second = 100 * 1024;
+  slow.compression = BagCompression::kNone;
+  slow.chunk_size = 16 * 1024;
+  slow.max_queued_bytes = 32 * 1024;
+  slow.max_write_bytes_per_second = 100 * 1024;
   SetDefaultBagWriterOptions(slow);
   BagRecord record("node", dir.path() + "/", 0);
   SetDefaultBagWriterOptions(defaults);
@@ -278,7 +280,7 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   appender.join();
   EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
   // Every round of the save thread, the one a callback began again included, says that it runs and that it ends.
-  EXPECT_EQ(std::make_pair(log.Count("save thread running"), log.Count("save thread exit")), std::make_pair(3ul, 3ul));
+  EXPECT_EQ(std::make_pair(log.Count("save thread running"), log.Count("save thread exit")), std::make_pair(size_t{3}, size_t{3}));
 }
 
 }  // namespace

@@ -48,7 +48,10 @@ class Playback {
         if (control_->Step() != BagPlay::kPlayed) usleep(10000);
     });
   }
-  ~Playback() { stop_.store(true), stepper_.join(); }
+  ~Playback() {
+    stop_ = true;
+    stepper_.join();
+  }
 
   PlayControl& control() { return *control_; }
   bool paused() { return paused_; }
