@@ -287,6 +287,12 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
   BagReader reader(dir.file("zeroed.kelobag.active"));
   EXPECT_EQ(Describe(expected), ReadEverything(&reader));
   EXPECT_TRUE(reader.file_info().damaged && reader.file_info().unread_bytes >= third.end - third.begin);
+  // Over the last chunk of a file without its trailing magic: unread at most to the end of the data.
+  std::string last = bag.bytes.substr(0, bag.bytes.size() - 8) + std::string(8, '\0');
+  std::fill_n(last.begin() + static_cast<long>(bag.chunks.back().begin), 40, 0);
+  WriteFile(dir.file("last.kelobag"), last);
+  EXPECT_LE(BagReader(dir.file("last.kelobag")).file_info().unread_bytes,
+            Find(bag.bytes, mcap::kOpDataEnd) - bag.chunks[bag.chunks.size() - 2].end);
 }
 
 // Large payloads are handed out without a copy when their record ends their chunk; the
