@@ -4,6 +4,7 @@
 #include <limits>
 #include <list>
 #include <map>
+#include <mutex>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -26,6 +27,29 @@ constexpr uint64_t kInPlaceBytes = 32 << 10;
 constexpr uint32_t kNoBlock = std::numeric_limits<uint32_t>::max();
 
 long ToMillis(uint64_t nanos) { return static_cast<long>(nanos / kNanosPerMilli); }
+
+// The payload buffer of the last large message a caller let go of, for the next one read in
+// place. The allocator maps every block this large afresh and the kernel then zero-fills it
+// page by page, which costs more than reading the payload; a reader going forward reuses
+// one buffer instead. Messages may be let go of on any thread, and after the reader is gone.
+class PayloadPool {
+ public:
+  std::string Take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(spare_);
+  }
+  // Keeps the larger of `payload` and the spare; leaves `payload` empty.
+  void Give(std::string* payload) {
+    std::string smaller;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (payload->capacity() > spare_.capacity()) spare_.swap(*payload);
+    smaller.swap(*payload);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::string spare_;
+};
 
 }  // namespace
 
@@ -54,6 +78,7 @@ struct BagReader::Rep {
   // A large message read in place: the cache entry of its chunk holds the records up to
   // its payload, which waits here until read() hands it out.
   std::string in_place_payload;
+  std::shared_ptr<PayloadPool> payloads = std::make_shared<PayloadPool>();
   uint32_t in_place_block = kNoBlock;
   uint32_t in_place_offset = 0;
 
@@ -97,6 +122,7 @@ const std::string* BagReader::Rep::Chunk(const mcap::MessageRef& ref, std::strin
   split.at = uint64_t{ref.offset} + mcap::kPrefixSize + mcap::kMessageHeaderSize;
   split.tail = &tail;
   const bool try_split = block.compression.empty() && block.length > split.at + kInPlaceBytes;
+  if (try_split) tail = payloads->Take();
   if (!mcap::LoadChunk(file, block, &decompressor, &records, &scratch, why, try_split ? &split : nullptr)) {
     return nullptr;
   }
@@ -117,7 +143,7 @@ const std::string* BagReader::Rep::Chunk(const mcap::MessageRef& ref, std::strin
 
 void BagReader::Rep::ForgetInPlace() {
   cache.remove_if([this](const std::pair<uint32_t, std::string>& c) { return c.first == in_place_block; });
-  in_place_payload = std::string();
+  payloads->Give(&in_place_payload);
   in_place_block = kNoBlock;
 }
 
@@ -271,7 +297,15 @@ std::shared_ptr<BagMessage> BagReader::read() {
   if (!r.Locate(r.index.messages[r.position], &record, &length, &header, &channel, &why)) {
     return nullptr;  // cannot happen: Settle() just located it and the chunk is cached
   }
-  auto message = std::make_shared<BagMessage>();
+  std::shared_ptr<BagMessage> message;
+  if (r.InPlace(r.index.messages[r.position])) {
+    message.reset(new BagMessage, [pool = r.payloads](BagMessage* m) {
+      pool->Give(&m->data);
+      delete m;
+    });
+  } else {
+    message = std::make_shared<BagMessage>();
+  }
   message->topic = channel->topic;
   message->type = channel->type;
   message->time = ToMillis(header.log_time);
@@ -289,6 +323,9 @@ std::shared_ptr<BagMessage> BagReader::read() {
 
 void BagReader::next() {
   if (rep_->position < rep_->index.messages.size()) ++rep_->position;
+  // Let go of the message, so that a large payload the caller is done with can be reused.
+  rep_->current.reset();
+  rep_->current_position = std::numeric_limits<size_t>::max();
 }
 
 void BagReader::seek(unsigned index) {
