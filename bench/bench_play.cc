@@ -109,7 +109,8 @@ std::vector<int64_t> MeasurePacing(long period_ms, double* cpu_share) {
   play.SetTimelineInfoCallback([](bool, long, double, double) {});
 
   // Start playback in the first tenth of a millisecond, and make sure the millisecond did
-  // not change while ControlPlay ran, so the player's start time is known exactly.
+  // not change while ControlPlay ran, so the player's start time is known exactly: its
+  // clock starts as the next millisecond begins.
   int64_t start_ms = 0;
   for (;;) {
     while (RealtimeNanos() % 1000000 > 100000) {
@@ -127,7 +128,7 @@ std::vector<int64_t> MeasurePacing(long period_ms, double* cpu_share) {
 
   std::vector<int64_t> errors;
   for (size_t i = 0; i < delivered.size() && i < times.size(); ++i) {
-    const int64_t due_ns = (start_ms + (times[i] - first)) * 1000000;
+    const int64_t due_ns = (start_ms + 1 + (times[i] - first)) * 1000000;
     errors.push_back(delivered[i] - due_ns);
   }
   std::remove(path.c_str());

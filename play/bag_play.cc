@@ -216,12 +216,11 @@ void BagPlay::Reset() {
   pause_wall_ms_ = 0;
   play_time_ = 0;
   now_wall_ms_ = 0;
-  // The clock starts as the next millisecond begins (waited for here, under a millisecond):
-  // every later message goes out as its own millisecond begins, and the first one, due at
-  // once, would otherwise go out anywhere inside the current one, up to a millisecond later
-  // than the rest.
+  // The clock starts as the next millisecond begins: every later message goes out as its
+  // own millisecond begins, and the first one, due at once, would otherwise go out anywhere
+  // inside the current one, up to a millisecond later than the rest. Sleep() waits for it,
+  // as for every other message, so that nothing between here and the first send delays it.
   start_wall_ms_ = WallClockMs() + 1;
-  SleepUntilWallUs(WrapMul(start_wall_ms_, 1000));
 }
 
 void BagPlay::Sleep() {
@@ -231,7 +230,9 @@ void BagPlay::Sleep() {
   const double passed = static_cast<double>(WrapSub(now_wall_ms_, start_wall_ms_));
   const int64_t wait = TruncateToInt64(due - passed);
   if (wait <= 0) return;  // due or late: published at once, no catching up
-  if (single_) {
+  // The first batch waits for the clock to start, under a millisecond, even when stepping:
+  // a single step jumps the clock only to a later batch.
+  if (single_ && due > 0) {
     // Jump the clock to this batch instead of waiting for it.
     single_ = false;
     start_wall_ms_ = WrapSub(start_wall_ms_, wait);
