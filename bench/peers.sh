@@ -5,6 +5,10 @@
 #             10 s, both recorders on the bus at once: the share of messages each logged;
 #   1MB     - 1 MB messages at 50 msg/s for 6 s, each recorder alone: messages logged and
 #             CPU time (user + system) per message;
+#   ceiling - 1 MB messages for 3 s at each rate of a ladder, to `kelo_bag record` and to a
+#             bare subscriber that only counts (bus_count), each alone: the highest rate
+#             that each takes without losing a message, as the publisher achieved it
+#             (on two cores the publisher, which makes every payload afresh, tops out first);
 #   pace    - 5 s of 1,000 msg/s recorded by both, then played back onto the bus by
 #             `kelo_bag play --publish` and by `lcm-logplayer`: how late each message
 #             arrives against its file's schedule (pace_probe), and the first message's.
@@ -27,6 +31,7 @@ kb=$release/tools/kelo_bag
 publish=$release/tests/lcm_publish
 count=$release/bench/lcmlog_count
 pace=$release/bench/pace_probe
+bus_count=$release/bench/bus_count
 if [ -x "$release/bench/bag_peers" ]; then
   mkdir -p "${BENCH_DIR:-/var/tmp}/kelo_bag_peers"
   "$release/bench/bag_peers" --dir "${BENCH_DIR:-/var/tmp}/kelo_bag_peers" --kelo_bag "$kb" --runs "$runs"
@@ -34,7 +39,7 @@ if [ -x "$release/bench/bag_peers" ]; then
 else
   echo "bench/bag_peers was not built (ROS 1 bag library not installed): no bag file peer" >&2
 fi
-for f in "$kb" "$publish" "$count" "$pace"; do
+for f in "$kb" "$publish" "$count" "$pace" "$bus_count"; do
   [ -x "$f" ] || { echo "missing $f: build the release preset first" >&2; exit 2; }
 done
 if ! command -v lcm-logger > /dev/null; then
@@ -86,6 +91,27 @@ for run in $(seq "$runs"); do
   per_ours=$(awk -v t="$ours_ticks" -v n="$ours_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
   per_peer=$(awk -v t="$peer_ticks" -v n="$peer_n" 'BEGIN { printf "%.2f", n ? t * 10 / n : 0 }')
   echo "run $run 1 MB at 50 msg/s: ours $ours_n of 300, $per_ours ms CPU each; lcm-logger $peer_n, $per_peer ms each; CPU ratio $(ratio "$per_ours" "$per_peer")"
+
+  # Intake ceiling for 1 MB messages: ours against the bare subscriber, each alone.
+  for who in bare ours; do
+    ceiling=0
+    for rate in 100 200 300 400 500 600 800; do
+      d=$work/ceiling$run$who; mkdir -p "$d"
+      if [ $who = ours ]; then "$kb" record -o "$d/" /big > "$d.log" 2>&1 & rec=$!
+      else "$bus_count" "$bus" /big > "$d.count" & rec=$!; fi
+      sleep 1
+      start=$(date +%s.%N)
+      "$publish" "$bus" /big $((rate * 3)) 1048576 $rate
+      achieved=$(awk -v s="$start" -v e="$(date +%s.%N)" -v n=$((rate * 3)) 'BEGIN { printf "%.0f", n / (e - s) }')
+      sleep 1; kill -INT $rec; wait $rec || true
+      if [ $who = ours ]; then n=$(ours_count "$d"); else n=$(cut -d' ' -f1 "$d.count"); fi
+      rm -rf "$d"
+      [ "${n:-0}" = $((rate * 3)) ] || break
+      [ "$achieved" -gt "$ceiling" ] && ceiling=$achieved
+    done
+    eval "${who}_ceiling=$ceiling"
+  done
+  echo "run $run 1 MB without a loss: ours $ours_ceiling msg/s, bare subscriber $bare_ceiling msg/s; ratio $(ratio "$ours_ceiling" "$bare_ceiling")"
 
   # Playback pacing: each player plays what it recorded, the probe listening.
   d=$work/pace$run
