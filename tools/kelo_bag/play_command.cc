@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -47,6 +48,26 @@ void ExitAtOnce(int signal_number) {
   ssize_t ignored = write(STDOUT_FILENO, kLineEnd, 1);
   (void)ignored;
   _exit(128 + signal_number);
+}
+
+// Maps in the code of the program and its libraries before the player's clock starts: the
+// first message's trip through the player, LCM and the C library would otherwise stop at a
+// page fault on each page of code it meets for the first time, and come out tens of
+// microseconds late where the next ones do not. About a millisecond, once.
+void MapInCode() {
+#ifdef MADV_POPULATE_READ
+  FILE* maps = std::fopen("/proc/self/maps", "r");
+  if (maps == nullptr) return;
+  char line[512];
+  while (std::fgets(line, sizeof(line), maps) != nullptr) {
+    unsigned long begin, end;
+    char perms[5];
+    if (std::sscanf(line, "%lx-%lx %4s", &begin, &end, perms) == 3 && perms[2] == 'x') {
+      madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_READ);  // a hint: failure is harmless
+    }
+  }
+  std::fclose(maps);
+#endif
 }
 
 void QuitNow() {
@@ -233,6 +254,7 @@ int RunPlay(int argc, const char* const* argv) {
   if (bus != nullptr) std::printf("publishing on %s\n", bus->url().c_str());
   std::fflush(stdout);
 
+  MapInCode();
   {
     // The key threads start before the player's clock, which would otherwise count their
     // start-up against the first message; keys typed meanwhile wait for Start().
