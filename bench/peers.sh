@@ -7,8 +7,7 @@
 #             CPU time (user + system) per message;
 #   ceiling - 1 MB messages for 3 s at each rate of a ladder, to `kelo_bag record` and to a
 #             bare subscriber that only counts (bus_count), each alone: the highest rate
-#             that each takes without losing a message, as the publisher achieved it
-#             (on two cores the publisher, which makes every payload afresh, tops out first);
+#             that each takes without losing a message, as the publisher achieved it;
 #   pace    - 5 s of 1,000 msg/s recorded by both, then played back onto the bus by
 #             `kelo_bag play --publish` and by `lcm-logplayer`: how late each message
 #             arrives against its file's schedule (pace_probe), and the first message's.
@@ -19,7 +18,8 @@
 #   ROS 1 bags:  apt-get install librosbag-storage-dev libstd-msgs-dev, then build the
 #                release preset again (bench/bag_peers is built only where they are)
 #
-# BENCH_DIR (default /var/tmp) is where the bag files of 1 GB are written.
+# BENCH_DIR (default /var/tmp) is where the bag files of 1 GB are written; BAGS=0 leaves
+# the bag file peer out.
 #   bench/peers.sh [RUNS]      (default 3; needs the release build with the benchmarks)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,7 +32,9 @@ publish=$release/tests/lcm_publish
 count=$release/bench/lcmlog_count
 pace=$release/bench/pace_probe
 bus_count=$release/bench/bus_count
-if [ -x "$release/bench/bag_peers" ]; then
+if [ "${BAGS:-1}" = 0 ]; then
+  :
+elif [ -x "$release/bench/bag_peers" ]; then
   mkdir -p "${BENCH_DIR:-/var/tmp}/kelo_bag_peers"
   "$release/bench/bag_peers" --dir "${BENCH_DIR:-/var/tmp}/kelo_bag_peers" --kelo_bag "$kb" --runs "$runs"
   rmdir "${BENCH_DIR:-/var/tmp}/kelo_bag_peers"
@@ -95,7 +97,7 @@ for run in $(seq "$runs"); do
   # Intake ceiling for 1 MB messages: ours against the bare subscriber, each alone.
   for who in bare ours; do
     ceiling=0
-    for rate in 100 200 300 400 500 600 800; do
+    for rate in 100 200 300 400 500 600 800 1000 1200 1500; do
       d=$work/ceiling$run$who; mkdir -p "$d"
       if [ $who = ours ]; then "$kb" record -o "$d/" /big > "$d.log" 2>&1 & rec=$!
       else "$bus_count" "$bus" /big > "$d.count" & rec=$!; fi

@@ -6,9 +6,11 @@
 // shrinks, so that the bytes reach the disk as they are. Exit code 0 once every
 // message was published.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -36,11 +38,11 @@ int main(int argc, char** argv) {
     const unsigned long long n = static_cast<unsigned long long>(first + i);
     std::string payload(bytes, '\0');
     unsigned long long x = n * 0x9E3779B97F4A7C15ULL + 1;
-    for (size_t b = 8; b < bytes; ++b) {
+    for (size_t b = 8; b < bytes; b += 8) {  // 8 bytes a step: a core keeps up with 1 GB/s
       x ^= x << 13;
       x ^= x >> 7;
       x ^= x << 17;
-      payload[b] = static_cast<char>(x);
+      std::memcpy(&payload[b], &x, std::min<size_t>(8, bytes - b));
     }
     for (size_t b = 0; b < 8 && b < bytes; ++b) payload[b] = static_cast<char>(n >> (56 - 8 * b));
     if (rate > 0) std::this_thread::sleep_until(start + std::chrono::duration<double>(i / rate));
