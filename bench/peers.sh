@@ -97,7 +97,7 @@ for run in $(seq "$runs"); do
   # Intake ceiling for 1 MB messages: ours against the bare subscriber, each alone.
   for who in bare ours; do
     ceiling=0
-    for rate in 100 200 300 400 500 600 800 1000 1200 1500; do
+    for rate in 100 200 300 400 500 600 700 800 1000 1200 1500; do
       d=$work/ceiling$run$who; mkdir -p "$d"
       if [ $who = ours ]; then "$kb" record -o "$d/" /big > "$d.log" 2>&1 & rec=$!
       else "$bus_count" "$bus" /big > "$d.count" & rec=$!; fi

@@ -1,6 +1,7 @@
 // kelo_bag record: records LCM channels into bag files, continuously through BagRecord or,
 // with --trigger, around trigger events through BagRecordTrigger.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -316,6 +317,14 @@ int RunRecord(int argc, const char* const* argv) {
   const std::string notice = ReceiveBufferCapNotice(url, ReadRmemMax());
   if (!notice.empty()) std::fprintf(stderr, "record: %s\n", notice.c_str());
 
+  // Large messages come and go hundreds of times a second. By default the allocator maps
+  // each block of a megabyte afresh and unmaps it when freed, or hands the top of a heap
+  // back as soon as a few megabytes lie free there, so that every message also costs a page
+  // fault and a zero-filled page for each 4 KB, on the thread that must empty the socket
+  // before the kernel drops datagrams. Memory freed stays mapped instead; the writer still
+  // hands free pages back after each completed file.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
   StopSignal::Install();
   return opt.trigger ? RecordOnTrigger(opt, bus.get()) : RecordContinuously(opt, bus.get());
 }
