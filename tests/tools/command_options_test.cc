@@ -35,6 +35,16 @@ TEST(RecordToolOptTest, ChecksWhatTheParserCannot) {
     EXPECT_EQ("", opt.Check());
     EXPECT_EQ(compression, opt.WriterOptions().compression) << args.size();
   }
+  // -o x.kelobag: the one file written, or the base of the names of parts and trigger files.
+  for (const auto& [args, begins] : std::vector<std::pair<std::vector<const char*>, std::string>>{
+           {{}, "x.kelobag.active"}, {{"--trigger"}, "x.kelobag.active"}, {{"-s", "10"}, "x_"},
+           {{"--max-size", "5"}, "x_"}}) {
+    RecordToolOpt opt;
+    std::vector<const char*> command = {"-a", "-o", "x.kelobag"};
+    command.insert(command.end(), args.begin(), args.end());
+    ASSERT_EQ(ToolsOptions::ParseResult::kLoaded, Parse(&opt, command));
+    EXPECT_EQ(0u, opt.output.rfind(begins, 0)) << opt.output;
+  }
 }
 
 // Catches partial matches taken for whole ones, exclusions that lose to names, and a
