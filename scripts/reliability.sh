@@ -64,6 +64,21 @@ kept() {
   echo $n
 }
 
+# 4. Fuzzing, in the full run: every target from its corpus, built without the sanitizers,
+# two at a time, until 10 million executions each or the run's deadline. It runs at idle
+# priority beside the other experiments, which take the processors whenever they want them,
+# and alone once they are done (its row comes last); the corpora it grew are then replayed
+# by the targets built with ASan + UBSan.
+started=$(date +%s)
+fuzz_until=$((started + 43 * 60))
+fuzz=
+if [ $quick = 0 ]; then
+  FUZZ_SANITIZE=OFF FUZZ_RUNS=10000000 FUZZ_UNTIL=$fuzz_until FUZZ_SECONDS=$((43 * 60)) \
+    FUZZ_TARGETS="control_messages_fuzzer udp_frame_fuzzer command_line_fuzzer bag_reader_fuzzer" \
+    chrt --idle 0 tests/fuzz/run_fuzz.sh "$root/build/fuzz-fast" > "$work/fuzz.log" 2>&1 &
+  fuzz=$!
+fi
+
 # 1. Crash: kill -9 at random moments under steady numbered traffic (1000 msg/s).
 crash_runs() {
   local split=$1 kills=$2 i losses=() bad=0 d f rc summary newest killed
@@ -184,24 +199,6 @@ row "damaged bags ($variants variants of a $total-message bag, $flavour)" \
   "$crashes crashes or sanitizer reports, $slow runs over 10 s, $silent silent losses" \
   "0 of each" "$([ $((crashes + slow + silent)) = 0 ] && echo 1 || echo 0)"
 
-# 4. Fuzzing: every target from its corpus, two at a time, until 10 million executions or
-# the time cap, in the full run.
-fuzz_seconds=$(pick 0 720)
-if [ "$fuzz_seconds" = 0 ]; then
-  rows+=("| fuzzing | regression corpora only (scripts/test.sh runs them) | - | - |")
-else
-  rc=0
-  FUZZ_SECONDS=$fuzz_seconds FUZZ_RUNS=10000000 tests/fuzz/run_fuzz.sh "$root/build/fuzz" > "$work/fuzz.log" 2>&1 || rc=$?
-  # Per target: "name: N executions, cov C".
-  stats=$(awk '/^== /{name=$2} /^#[0-9]+[ \t]+DONE/{for(i=1;i<=NF;i++) if($i=="cov:") cov[name]=$(i+1)}
-    /^stat::number_of_executed_units:/{n[name]=$2; order[++k]=name}
-    END{for(i=1;i<=k;i++){m=order[i]; printf "%s%s: %d executions, cov %s", (i>1?"; ":""), m, n[m], cov[m]; if(n[m]<10000000) short=1}
-        if(short) printf " SHORT"}' "$work/fuzz.log")
-  enough=1; [[ $stats == *SHORT ]] && enough=0
-  row "fuzzing, at most ${fuzz_seconds} s a target (ASan + UBSan)" "${stats% SHORT}; $([ $rc = 0 ] && echo 0 || echo some) crashes" \
-    "no crash; 10 million executions a target" "$([ $rc = 0 ] && [ $enough = 1 ] && echo 1 || echo 0)"
-fi
-
 # 5. Hostile datagrams at the monitor and trigger port while a recorder records and a
 # trigger recorder keeps its folder within a budget.
 d=$work/hostile; mkdir -p "$d/cont" "$d/trig"
@@ -301,6 +298,26 @@ row "soak, $seconds s at $rate msg/s, 10 s parts" \
   "$(field messages "$summary") of $((seconds * rate)) stored; the recorder said: $(tail -1 "$d.log"); peak RSS $((rss0 / 1024)).$((rss0 % 1024 * 10 / 1024)) -> $((rss1 / 1024)).$((rss1 % 1024 * 10 / 1024)) MB (${growth}%)" \
   "every number exactly once; the peak RSS of the last ${window} s is < 5% above that of the ${window} s after the first ${settle} s" \
   "$([ "$(field messages "$summary")" = $((seconds * rate)) ] && [ "$(field gaps "$summary")" = 0 ] && [ "$(field duplicates "$summary")" = 0 ] && awk -v g="$growth" 'BEGIN {exit !(g < 5)}' && echo 1 || echo 0)"
+
+if [ -z "$fuzz" ]; then
+  rows+=("| fuzzing | regression corpora only (scripts/test.sh runs them) | - | - |")
+else
+  rc=0; wait $fuzz || rc=$?
+  replay=0
+  FUZZ_RUNS=0 FUZZ_CORPUS="$root/build/fuzz-fast/corpus" tests/fuzz/run_fuzz.sh "$root/build/fuzz" \
+    > "$work/replay.log" 2>&1 || replay=$?
+  # Per target: "name: N executions, cov C".
+  stats=$(awk '/^== /{name=$2} /^#[0-9]+[ \t]+DONE/{for(i=1;i<=NF;i++) if($i=="cov:") cov[name]=$(i+1)}
+    /^stat::number_of_executed_units:/{n[name]=$2; order[++k]=name}
+    END{for(i=1;i<=k;i++){m=order[i]; printf "%s%s: %d executions, cov %s", (i>1?"; ":""), m, n[m], cov[m]; if(n[m]<10000000) short=1}
+        if(short) printf " SHORT"}' "$work/fuzz.log")
+  replayed=$(awk '/^stat::number_of_executed_units:/{n += $2} END{print n + 0}' "$work/replay.log")
+  enough=1; [[ $stats == *SHORT ]] && enough=0
+  row "fuzzing, $(((fuzz_until - started) / 60)) min at most, at idle priority beside the experiments above" \
+    "${stats% SHORT}; $([ $rc = 0 ] && echo 0 || echo some) crashes; the $replayed inputs of the grown corpora replayed under ASan + UBSan: $([ $replay = 0 ] && echo 0 || echo some) reports" \
+    "no crash or sanitizer report; 10 million executions a target" \
+    "$([ $rc = 0 ] && [ $replay = 0 ] && [ $enough = 1 ] && echo 1 || echo 0)"
+fi
 
 {
   echo "# Reliability runs"
