@@ -277,6 +277,10 @@ bool BagRecord::Drain(int timeout_ms) {
 
 void BagRecord::AppendMessage(long time, const std::string& topic, const std::string& type,
                               const std::string& data) {
+  AppendMessage(time, topic, type, std::string(data));
+}
+
+void BagRecord::AppendMessage(long time, const std::string& topic, const std::string& type, std::string&& data) {
   struct timeval now;
   gettimeofday(&now, nullptr);
   appends_in_flight_.fetch_add(1);
@@ -293,6 +297,7 @@ void BagRecord::AppendMessage(long time, const std::string& topic, const std::st
   }
 
   const int64_t record_ms = ToMs(now);
+  const size_t bytes = data.size();  // `data` is moved into the queue
   if (data.empty()) {
     writer_->losses()->Add(topic, BagLossReason::kEmpty);
     output_->print_format("error message data. topic name: %s\n", topic.c_str());
@@ -302,7 +307,7 @@ void BagRecord::AppendMessage(long time, const std::string& topic, const std::st
     message.record_time = record_ms;
     message.topic = topic;
     message.type = type;
-    message.data = data;
+    message.data = std::move(data);
     size_t pending_count = 0;
     std::string dropped_topic;
     int32_t dropped = 0;
@@ -337,7 +342,7 @@ void BagRecord::AppendMessage(long time, const std::string& topic, const std::st
 
   MessageInfo info;
   info.time = record_ms * 0.001;
-  info.bytes = data.size();
+  info.bytes = bytes;
   KeloThreadLocker hold(info_lock_);
   TopicInfo& topic_info = topic_infos_[topic];
   topic_info.count = WrappingIncrement(topic_info.count);

@@ -141,6 +141,9 @@ class BagRecord {
   // called from any number of threads at once; never waits for the disk, nor for a lock
   // that is held while the disk is waited for.
   void AppendMessage(long time, const std::string& topic, const std::string& type, const std::string& data);
+  // The same, taking over `data` instead of copying it: a receive thread that made the
+  // payload for this call copies a large message once, not twice.
+  void AppendMessage(long time, const std::string& topic, const std::string& type, std::string&& data);
 
   // A snapshot of the recording: names, time since the last Start(), queue length, drops,
   // rates and totals for all topics and for each topic in ascending name order, losses, the
