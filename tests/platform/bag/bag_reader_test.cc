@@ -113,6 +113,18 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
     EXPECT_EQ(bag.messages.size(), reader.count()) << field;
     EXPECT_THAT(reader.get_error(), testing::HasSubstr("chunk index points outside the data")) << field;
   }
+  // An empty record of a kind we do not know (another writer's) closing a chunk is sound.
+  std::string bytes = bag.bytes.substr(0, Find(bag.bytes, mcap::kOpDataEnd));
+  const size_t chunk = Find(bytes, mcap::kOpChunk), body = chunk + mcap::kPrefixSize;
+  bytes.insert(body + 40 + mcap::LoadU64(&bytes[body + 32]), std::string("\x80", 1) + std::string(8, '\0'));
+  for (size_t field : {chunk + 1, body + 16, body + 32}) {  // the record's, the records' and the uncompressed size
+    std::string grown;
+    mcap::PutU64(&grown, mcap::LoadU64(&bytes[field]) + 9);
+    bytes.replace(field, 8, grown);
+  }
+  std::fill_n(&bytes[body + 24], 4, '\0');  // no CRC
+  WriteFile(dir.file("empty.kelobag"), bytes);
+  EXPECT_EQ(bag.messages.size(), BagReader(dir.file("empty.kelobag")).count());
 }
 
 // Catches a topic without messages unlisted: one declared before the first message, one after the last.
