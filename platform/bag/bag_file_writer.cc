@@ -408,13 +408,15 @@ int BagFileWriter::EnsureFile() {
   return OpenFile();
 }
 
-bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
-  std::vector<struct iovec> left(iov, iov + count);
+namespace {
+
+constexpr uint64_t kDirectBlock = 4096;  // the largest logical block of common devices
+
+// Writes `parts` in full at `at`.
+bool WriteAll(int fd, std::vector<struct iovec> parts, uint64_t at) {
   size_t first = 0;
-  size_t done = 0;
-  while (done < total) {
-    ssize_t n = ::pwritev(file_.fd, left.data() + first, static_cast<int>(left.size() - first),
-                          static_cast<off_t>(file_.offset + done));
+  while (first < parts.size()) {
+    ssize_t n = ::pwritev(fd, parts.data() + first, static_cast<int>(parts.size() - first), static_cast<off_t>(at));
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
@@ -423,15 +425,76 @@ bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
       errno = EIO;
       return false;
     }
-    done += static_cast<size_t>(n);
+    at += static_cast<uint64_t>(n);
     size_t skip = static_cast<size_t>(n);
-    while (first < left.size() && skip >= left[first].iov_len) skip -= left[first++].iov_len;
-    if (first < left.size()) {
-      left[first].iov_base = static_cast<char*>(left[first].iov_base) + skip;
-      left[first].iov_len -= skip;
+    while (first < parts.size() && skip >= parts[first].iov_len) skip -= parts[first++].iov_len;
+    if (first < parts.size()) {
+      parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + skip;
+      parts[first].iov_len -= skip;
     }
   }
   return true;
+}
+
+// The `size` bytes of `iov` that begin `from` bytes into it.
+std::vector<struct iovec> Slice(const struct iovec* iov, int count, size_t from, size_t size) {
+  std::vector<struct iovec> out;
+  for (int i = 0; i < count && size > 0; ++i) {
+    if (from >= iov[i].iov_len) {
+      from -= iov[i].iov_len;
+      continue;
+    }
+    const size_t take = std::min(size, iov[i].iov_len - from);
+    out.push_back({static_cast<char*>(iov[i].iov_base) + from, take});
+    size -= take;
+    from = 0;
+  }
+  return out;
+}
+
+}  // namespace
+
+bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
+  const uint64_t begin = file_.offset;
+  const uint64_t end = begin + total;
+  const uint64_t first_block = (begin + kDirectBlock - 1) / kDirectBlock * kDirectBlock;
+  const uint64_t last_block = end / kDirectBlock * kDirectBlock;
+  if (!direct_supported_ || last_block <= first_block) return WriteAll(file_.fd, Slice(iov, count, 0, total), begin);
+  const size_t middle = last_block - first_block;
+  if (staging_size_ < middle) {
+    void* block = nullptr;
+    if (::posix_memalign(&block, kDirectBlock, middle) != 0) return WriteAll(file_.fd, Slice(iov, count, 0, total), begin);
+    staging_.reset(static_cast<char*>(block));
+    staging_size_ = middle;
+  }
+  char* to = staging_.get();
+  for (const struct iovec& part : Slice(iov, count, first_block - begin, middle)) {
+    std::memcpy(to, part.iov_base, part.iov_len);
+    to += part.iov_len;
+  }
+  return WriteAll(file_.fd, Slice(iov, count, 0, first_block - begin), begin) &&
+         WriteDirect(staging_.get(), middle, first_block) &&
+         WriteAll(file_.fd, Slice(iov, count, last_block - begin, end - last_block), last_block);
+}
+
+bool BagFileWriter::WriteDirect(const char* data, size_t size, uint64_t at) {
+  const std::vector<struct iovec> whole{{const_cast<char*>(data), size}};
+  const int flags = ::fcntl(file_.fd, F_GETFL);
+  if (flags < 0 || ::fcntl(file_.fd, F_SETFL, flags | O_DIRECT) != 0) {
+    direct_supported_ = false;  // a file system without it
+    return WriteAll(file_.fd, whole, at);
+  }
+  bool ok = WriteAll(file_.fd, whole, at);
+  const int err = errno;
+  ::fcntl(file_.fd, F_SETFL, flags);
+  if (!ok && err == EINVAL) {
+    // Taken at open but not at this alignment: the page cache it is, from here on.
+    direct_supported_ = false;
+    ok = WriteAll(file_.fd, whole, at);
+  } else {
+    errno = err;
+  }
+  return ok;
 }
 
 void BagFileWriter::AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
