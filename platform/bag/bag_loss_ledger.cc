@@ -61,10 +61,15 @@ uint64_t BagLosses::topic_total(const std::string& topic) const {
 }
 
 std::string BagLosses::Describe() const {
+  Counts totals{};
+  for (int i = 0; i < kBagLossReasons; ++i) totals[i] = total(static_cast<BagLossReason>(i));
+  return Describe(totals);
+}
+
+std::string BagLosses::Describe(const Counts& counts) {
   std::vector<std::pair<uint64_t, int>> reasons;
   for (int i = 0; i < kBagLossReasons; ++i) {
-    const uint64_t n = total(static_cast<BagLossReason>(i));
-    if (n > 0) reasons.emplace_back(n, i);
+    if (counts[i] > 0) reasons.emplace_back(counts[i], i);
   }
   std::stable_sort(reasons.begin(), reasons.end(),
                    [](const auto& a, const auto& b) { return a.first > b.first; });

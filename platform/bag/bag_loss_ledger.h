@@ -45,6 +45,8 @@ class BagLosses {
 
   // The reasons with their counts, most first: "3 queue full, 1 disk full"; "" when empty.
   std::string Describe() const;
+  // The same of one topic's counts.
+  static std::string Describe(const Counts& counts);
 
   // How a bag stores them: a metadata record of this name whose keys are topic names and
   // whose values list the non-zero counts, "queue_full=3 disk_full=1".

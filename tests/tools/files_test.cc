@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -43,6 +44,15 @@ TEST(FilesTest, MakesNestedDirectoriesAndSaysWhyItCannot) {
   std::ofstream(dir.file("file")) << "x";
   EXPECT_FALSE(MakeDirectories(dir.file("file/sub"), &error));
   EXPECT_NE(std::string::npos, error.find(dir.file("file"))) << error;
+  // A folder that cannot be written in is refused before recording starts (read-only
+  // mount: root may write in any folder its mode forbids). Needs the private mount
+  // namespace that tests/run_in_netns.sh gives the test.
+  EXPECT_TRUE(CheckWritableDirectory(dir.path(), &error)) << error;
+  ASSERT_TRUE(MakeDirectories(dir.file("ro"), &error)) << error;
+  ASSERT_EQ(0, ::mount("tmpfs", dir.file("ro").c_str(), "tmpfs", MS_RDONLY, "size=64k"));
+  EXPECT_FALSE(CheckWritableDirectory(dir.file("ro"), &error));
+  EXPECT_EQ("cannot write in " + dir.file("ro") + ": Read-only file system", error);
+  ::umount2(dir.file("ro").c_str(), MNT_DETACH);
   EXPECT_EQ("rec", DirectoryOf("rec/bag_1.kelobag.active"));
   EXPECT_EQ(".", DirectoryOf("bag_1.kelobag.active"));
   EXPECT_EQ("/", DirectoryOf("/bag.kelobag.active"));

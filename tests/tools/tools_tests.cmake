@@ -16,7 +16,7 @@ endfunction()
 # The pieces.
 kelo_add_tool_test(lcm_bus_test local tools/lcm_bus_test.cc)
 kelo_add_tool_test(terminal_keys_test local tools/terminal_keys_test.cc)
-kelo_add_tool_test(files_test local tools/files_test.cc)
+kelo_add_tool_test(files_test netns tools/files_test.cc)
 kelo_add_tool_test(command_options_test local tools/command_options_test.cc)
 kelo_add_tool_test(status_line_test local tools/status_line_test.cc)
 kelo_add_tool_test(play_control_test local tools/play_control_test.cc)

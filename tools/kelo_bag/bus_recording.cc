@@ -89,10 +89,7 @@ bool ReportRecording(const std::string& verb, uint64_t messages, uint64_t bytes,
       std::printf("lost on %zu more topics\n", losses.by_topic().size() - kTopicLines);
       break;
     }
-    BagLosses topic;
-    for (int i = 0; i < kBagLossReasons; ++i)
-      topic.Add(entry.first, static_cast<BagLossReason>(i), entry.second[i]);
-    std::printf("lost on %s: %s\n", entry.first.c_str(), topic.Describe().c_str());
+    std::printf("lost on %s: %s\n", entry.first.c_str(), BagLosses::Describe(entry.second).c_str());
   }
   for (const std::string& file : incomplete) {
     std::printf("could not complete %s; it stays readable as unfinished\n", file.c_str());
