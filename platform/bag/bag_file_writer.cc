@@ -459,13 +459,16 @@ bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
   const uint64_t end = begin + total;
   const uint64_t first_block = (begin + kDirectBlock - 1) / kDirectBlock * kDirectBlock;
   const uint64_t last_block = end / kDirectBlock * kDirectBlock;
-  if (!direct_supported_ || last_block <= first_block) return WriteAll(file_.fd, Slice(iov, count, 0, total), begin);
-  const size_t middle = last_block - first_block;
-  if (staging_size_ < middle) {
+  const size_t middle = last_block > first_block ? last_block - first_block : 0;
+  if (direct_supported_ && middle > 0 && staging_size_ < middle) {
     void* block = nullptr;
-    if (::posix_memalign(&block, kDirectBlock, middle) != 0) return WriteAll(file_.fd, Slice(iov, count, 0, total), begin);
-    staging_.reset(static_cast<char*>(block));
-    staging_size_ = middle;
+    if (::posix_memalign(&block, kDirectBlock, middle) == 0) {
+      staging_.reset(static_cast<char*>(block));
+      staging_size_ = middle;
+    }
+  }
+  if (!direct_supported_ || middle == 0 || staging_size_ < middle) {
+    return WriteAll(file_.fd, Slice(iov, count, 0, total), begin);
   }
   char* to = staging_.get();
   for (const struct iovec& part : Slice(iov, count, first_block - begin, middle)) {
@@ -480,21 +483,16 @@ bool BagFileWriter::WriteAt(const struct iovec* iov, int count, size_t total) {
 bool BagFileWriter::WriteDirect(const char* data, size_t size, uint64_t at) {
   const std::vector<struct iovec> whole{{const_cast<char*>(data), size}};
   const int flags = ::fcntl(file_.fd, F_GETFL);
-  if (flags < 0 || ::fcntl(file_.fd, F_SETFL, flags | O_DIRECT) != 0) {
-    direct_supported_ = false;  // a file system without it
-    return WriteAll(file_.fd, whole, at);
-  }
-  bool ok = WriteAll(file_.fd, whole, at);
-  const int err = errno;
-  ::fcntl(file_.fd, F_SETFL, flags);
-  if (!ok && err == EINVAL) {
-    // Taken at open but not at this alignment: the page cache it is, from here on.
-    direct_supported_ = false;
-    ok = WriteAll(file_.fd, whole, at);
-  } else {
+  if (flags >= 0 && ::fcntl(file_.fd, F_SETFL, flags | O_DIRECT) == 0) {
+    const bool ok = WriteAll(file_.fd, whole, at);
+    const int err = errno;
+    ::fcntl(file_.fd, F_SETFL, flags);
     errno = err;
+    if (ok || err != EINVAL) return ok;
   }
-  return ok;
+  // Refused by the file system, at open or at this alignment: the page cache from here on.
+  direct_supported_ = false;
+  return WriteAll(file_.fd, whole, at);
 }
 
 void BagFileWriter::AppendPendingChannels(std::string* out, std::vector<uint16_t>* written,
