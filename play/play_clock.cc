@@ -15,11 +15,15 @@ namespace {
 constexpr int64_t kNanosPerMicro = 1000;
 constexpr int64_t kNanosPerSecond = 1000000000;
 constexpr int64_t kMarginUpNanos = 10000;
-constexpr int64_t kMarginDownNanos = kMarginUpNanos / 20;
+// Each sleep that wakes in time takes this share of the margin off: a margin set by one
+// late wake-up halves in about 180 sleeps.
+constexpr int64_t kMarginDecay = 256;
 
 // How long before a deadline this thread wakes up to spin (see SleepUntilWallUs). Kept
-// per thread: the wake-up latency belongs to the thread and the CPUs it runs on.
-thread_local int64_t t_spin_margin_ns = 50 * kNanosPerMicro;
+// per thread: the wake-up latency belongs to the thread and the CPUs it runs on. It
+// starts at the largest, so that the first deadlines, before anything is learnt, are
+// kept as well as the later ones.
+thread_local int64_t t_spin_margin_ns = kMaxSpinMicros * kNanosPerMicro;
 
 int64_t ClockNanos(clockid_t clock) {
   struct timespec now;
@@ -77,12 +81,13 @@ void SleepUntilWallUs(int64_t deadline_us) {
       }
     }
     const int64_t now = ClockNanos(CLOCK_REALTIME);
-    // A step up on every overshoot and a twentieth of it down otherwise settles where
-    // about one sleep in twenty overshoots.
+    // A wake-up past the deadline raises the margin to a little over how late it came; a
+    // slow decay otherwise keeps it near the worst latency of the last few hundred sleeps,
+    // the tail that makes a message late, not the typical one.
     if (now - wake > margin) {
-      margin = std::min(margin + kMarginUpNanos, kMaxSpinMicros * kNanosPerMicro);
+      margin = std::min(now - wake + kMarginUpNanos, kMaxSpinMicros * kNanosPerMicro);
     } else {
-      margin = std::max(margin - kMarginDownNanos, kMinSpinMicros * kNanosPerMicro);
+      margin = std::max(margin - margin / kMarginDecay, kMinSpinMicros * kNanosPerMicro);
     }
     remaining = deadline - now;
   }
