@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "record/bag_record.h"
+#include "tools/kelo_bag/bus_recording.h"
 #include "tools/kelo_bag/monitor_view.h"
 
 namespace kelo {
@@ -30,7 +31,8 @@ tools::interactive::BagRecordMonitor Snapshot() {
   m.mutable_message_info()->set_freq(230.0);
   m.mutable_message_info()->set_pre_bytes(3.0 * 1048576);
   m.mutable_message_info()->set_total_bytes(250 * 1048576ULL);
-  for (const auto& [name, count, freq] : {std::tuple{"/camera", 300, 30.0}, std::tuple{"/imu", 2000, 200.0}}) {
+  for (const auto& [name, count, freq] :
+       {std::tuple{"/camera", 300, 30.0}, std::tuple{"/imu", 2000, 200.0}}) {
     auto* topic = m.add_topic_info();
     topic->set_topic_name(name);
     topic->set_message_count(count);
@@ -105,7 +107,8 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   const Json::Value json = MonitorJson({reply, reply});
   ASSERT_EQ(2u, json["recorders"].size());
   const Json::Value& r = json["recorders"][1];
-  for (const auto& [key, value] : {std::pair{"port", 40001.0}, {"drops", 2.0}, {"lost", 7.0}, {"record_time_s", 75.5}})
+  for (const auto& [key, value] :
+       {std::pair{"port", 40001.0}, {"drops", 2.0}, {"lost", 7.0}, {"record_time_s", 75.5}})
     EXPECT_EQ(value, r[key].asDouble()) << key;
   ASSERT_EQ(2u, r["losses"].size());
   EXPECT_EQ("disk_full", r["losses"][1]["reason"].asString());
@@ -114,6 +117,38 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   EXPECT_EQ("/imu", r["topics"][1]["topic"].asString());
   EXPECT_EQ(200000u, r["topics"][1]["total_bytes"].asUInt64());
   EXPECT_TRUE(MonitorJson({})["recorders"].isArray());
+}
+
+// Catches a summary that leaves out a file it could not complete, a topic's losses or the
+// bus's drops, or that calls such a recording whole.
+TEST(RecordingReportTest, NamesWhatWasLostAndSaysWhetherAllWasKept) {
+  BagLosses many;  // more topics than the summary names one by one
+  for (int i = 0; i < 22; ++i) many.Add("/t" + std::to_string(i + 10), BagLossReason::kDiskFull, 1);
+  const std::string kept = "received 3 messages (1.00 KB)";
+  for (const auto& [losses, incomplete, drops, text] :
+       std::vector<std::tuple<BagLosses, std::vector<std::string>, int, std::string>>{
+           {BagLosses(), {}, 0, kept + ", none lost\n"},
+           {BagLosses(),
+            {"r/a.kelobag.active"},
+            0,
+            "could not complete r/a.kelobag.active; it stays readable as unfinished\n" + kept +
+                ", none lost\n"},
+           {BagLosses(),
+            {},
+            5,
+            kept + "; the bus dropped 5 datagrams before they reached the recorder (its receive "
+                   "buffer was full)\n"},
+           {many,
+            {},
+            0,
+            "lost on /t29: 1 disk full\nlost on 2 more topics\n" + kept +
+                "; 22 of them lost: 22 disk full\n"}}) {
+    testing::internal::CaptureStdout();
+    const bool whole = ReportRecording("received", 3, 1024, losses, incomplete, drops);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(out, testing::EndsWith(text));
+    EXPECT_EQ(text == kept + ", none lost\n", whole) << text;
+  }
 }
 
 }  // namespace
