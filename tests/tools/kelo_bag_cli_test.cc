@@ -353,6 +353,16 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   ASSERT_EQ(2u, left.size()) << parts.out;
   const std::string first_part = left[0].substr(0, left[0].rfind('_')) + "_0.kelobag";
   EXPECT_THAT(parts.out, HasSubstr("deleted " + dir.file("parts") + "/" + first_part + " (--max-files 1)\n"));
+  // A second signal while the first stop is under way ends the recorder at once and says what
+  // that leaves; the process is stopped while both are sent, so they come together.
+  const std::string slowly = "file://" + dir.file("bus.lcmlog") + "?mode=r&speed=0.001";
+  testing_support::Subprocess forced({kKeloBag, "record", "--url", slowly, "-a", "-o", dir.file("f") + "/"},
+                                     dir.file("forced"));
+  ASSERT_TRUE(forced.Prints("Ctrl-C stops"));
+  for (int signal_number : {SIGSTOP, SIGINT, SIGTERM, SIGCONT}) forced.Signal(signal_number);
+  EXPECT_EQ(130, forced.Wait(20000));
+  EXPECT_THAT(forced.Stderr(), testing::EndsWith("\nstopped at once: files being written stay .active (readable "
+                                                 "up to their last chunk)\n"));
   setenv("LCM_DEFAULT_URL", "nosuch://", 1);  // a default bus that cannot be opened: no fault of the command line
   for (const std::vector<std::string>& args : {std::vector<std::string>{"record", "-a"}, {"play", "--publish", "a.kelobag"}})
     EXPECT_THAT(KeloBag(dir, args), ExitsSaying(1, ": cannot open the LCM bus at \"nosuch://\"")) << args[0];

@@ -115,7 +115,7 @@ testing::AssertionResult HoldTraffic(const std::vector<std::string>& bags, const
 
 // Both kinds of recorder on one live publisher: the continuous one keeps every message in
 // parts of a second, the trigger-mode one saves the window around `kelo_bag trigger`; both
-// answer the monitor and complete their files on SIGTERM and SIGINT.
+// answer the monitor (one on the interface named) and complete their files on SIGTERM and SIGINT.
 TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesTheWindow) {
   TempDir dir;
   const RunResult unanswered = RunToEnd({kKeloBag, "trigger"}, dir.file("trigger"));
@@ -134,8 +134,9 @@ TEST(KeloBagLiveTest, RecordersTakeEveryMessageOfALivePublisherAndATriggerSavesT
   EXPECT_EQ("record: the LCM bus failed; stopping\n", ended.err);
 
   const std::string rec_dir = dir.file("rec"), trig_dir = dir.file("trig");
-  Subprocess record({kKeloBag, "record", "-a", "-o", rec_dir + "/", "-s", "1", "-n", "live_node"},
-                    dir.file("record"));
+  Subprocess record(
+      {kKeloBag, "record", "-a", "-o", rec_dir + "/", "-s", "1", "-n", "live_node", "--interface", "lo"},
+      dir.file("record"));
   // The window reaches 60 s back, past any wait of a loaded machine, and 1 s past the trigger.
   Subprocess cache({kKeloBag, "record", "-a", "--trigger", "-o", trig_dir + "/", "--reserve", "60", "--duration",
                     "61", "-n", "trig_node"}, dir.file("cache"));

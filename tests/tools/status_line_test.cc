@@ -123,31 +123,29 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
 // bus's drops, or that calls such a recording whole.
 TEST(RecordingReportTest, NamesWhatWasLostAndSaysWhetherAllWasKept) {
   BagLosses many;  // more topics than the summary names one by one
-  for (int i = 0; i < 22; ++i) many.Add("/t" + std::to_string(i + 10), BagLossReason::kDiskFull, 1);
-  const std::string kept = "received 3 messages (1.00 KB)";
-  for (const auto& [losses, incomplete, drops, text] :
-       std::vector<std::tuple<BagLosses, std::vector<std::string>, int, std::string>>{
-           {BagLosses(), {}, 0, kept + ", none lost\n"},
-           {BagLosses(),
-            {"r/a.kelobag.active"},
-            0,
-            "could not complete r/a.kelobag.active; it stays readable as unfinished\n" + kept +
-                ", none lost\n"},
-           {BagLosses(),
+  for (int i = 10; i < 32; ++i) many.Add("/t" + std::to_string(i), BagLossReason::kDiskFull, 1);
+  const std::string kept = "received 3 messages (1.00 KB)", whole = kept + ", none lost\n",
+                    file = "r/a.kelobag";
+  struct Case {
+    BagLosses losses;
+    std::vector<std::string> incomplete;
+    int drops;
+    std::string end;
+  };
+  for (const Case& c : std::vector<Case>{
+           {{}, {}, 0, whole},
+           {{}, {file}, 0, "could not complete " + file + "; it stays readable as unfinished\n" + whole},
+           {{},
             {},
             5,
-            kept + "; the bus dropped 5 datagrams before they reached the recorder (its receive "
-                   "buffer was full)\n"},
+            "; the bus dropped 5 datagrams before they reached the recorder (its receive buffer was full)\n"},
            {many,
             {},
             0,
-            "lost on /t29: 1 disk full\nlost on 2 more topics\n" + kept +
-                "; 22 of them lost: 22 disk full\n"}}) {
+            "/t29: 1 disk full\nlost on 2 more topics\n" + kept + "; 22 of them lost: 22 disk full\n"}}) {
     testing::internal::CaptureStdout();
-    const bool whole = ReportRecording("received", 3, 1024, losses, incomplete, drops);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(out, testing::EndsWith(text));
-    EXPECT_EQ(text == kept + ", none lost\n", whole) << text;
+    EXPECT_EQ(c.end == whole, ReportRecording("received", 3, 1024, c.losses, c.incomplete, c.drops)) << c.end;
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::EndsWith(c.end));
   }
 }
 

@@ -14,12 +14,13 @@ namespace cli {
 namespace {
 
 // Every playback key, both arrow modes, and what is ignored: up and down, a modified arrow, a
-// function key, other letters, Enter, and Escape before a letter and before q, which still
-// counts. Sequences split across reads at any byte are joined.
+// function key (the key after it counts), other letters, Enter, and Escape before a letter and
+// before q, which still counts. Sequences split across reads at any byte are joined.
 TEST(KeyDecoderTest, DecodesThePlaybackKeysWhereverTheReadsSplitThem) {
-  const std::string bytes = " slqSLQ\033[D\033[C\033OD\033OC\033[A\033[B\033[1;5C\033[15~\033xab\n\033q";
-  const std::vector<Key> want = {Key::kPause, Key::kStep, Key::kLoop,  Key::kQuit,  Key::kStep, Key::kLoop,
-                                 Key::kQuit,  Key::kLeft, Key::kRight, Key::kLeft, Key::kRight, Key::kQuit};
+  const std::string bytes = " slqSLQ\033[D\033[C\033OD\033OC\033[A\033[B\033[1;5C\033[15~s\033xab\n\033q";
+  const std::vector<Key> want = {Key::kPause, Key::kStep, Key::kLoop, Key::kQuit,  Key::kStep,
+                                 Key::kLoop,  Key::kQuit, Key::kLeft, Key::kRight, Key::kLeft,
+                                 Key::kRight, Key::kStep, Key::kQuit};
   for (size_t cut = 0; cut <= bytes.size(); ++cut) {
     KeyDecoder decoder;
     std::vector<Key> keys;

@@ -113,6 +113,15 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
     EXPECT_EQ(bag.messages.size(), reader.count()) << field;
     EXPECT_THAT(reader.get_error(), testing::HasSubstr("chunk index points outside the data")) << field;
   }
+  // A message index entry that points at another record of its chunk: the chunk is left out, the rest read.
+  std::string moved = unchecked, offset;
+  const size_t entry = Find(moved, mcap::kOpMessageIndex) + mcap::kPrefixSize + 2 + 4 + 8;  // the first one's offset
+  mcap::PutU64(&offset, mcap::LoadU64(&moved[entry]) + 1);
+  WriteFile(dir.file("moved.kelobag"), moved.replace(entry, 8, offset));
+  BagReader misled(dir.file("moved.kelobag"));
+  const std::vector<std::string> all = Describe(bag.messages), read = ReadEverything(&misled);
+  EXPECT_TRUE(misled.file_info().damaged && read.size() < all.size());
+  for (const std::string& m : read) EXPECT_THAT(all, testing::Contains(m));
   // An empty record of a kind we do not know (another writer's) closing a chunk is sound.
   std::string bytes = bag.bytes.substr(0, Find(bag.bytes, mcap::kOpDataEnd));
   const size_t chunk = Find(bytes, mcap::kOpChunk), body = chunk + mcap::kPrefixSize;
