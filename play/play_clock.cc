@@ -14,7 +14,8 @@ namespace {
 
 constexpr int64_t kNanosPerMicro = 1000;
 constexpr int64_t kNanosPerSecond = 1000000000;
-constexpr int64_t kMarginUpNanos = 10000;
+// How far past the lateness of a late wake-up the margin is set.
+constexpr int64_t kMarginOverNanos = 10000;
 // Each sleep that wakes in time takes this share of the margin off: a margin set by one
 // late wake-up halves in about 180 sleeps.
 constexpr int64_t kMarginDecay = 256;
@@ -85,7 +86,7 @@ void SleepUntilWallUs(int64_t deadline_us) {
     // slow decay otherwise keeps it near the worst latency of the last few hundred sleeps,
     // the tail that makes a message late, not the typical one.
     if (now - wake > margin) {
-      margin = std::min(now - wake + kMarginUpNanos, kMaxSpinMicros * kNanosPerMicro);
+      margin = std::min(now - wake + kMarginOverNanos, kMaxSpinMicros * kNanosPerMicro);
     } else {
       margin = std::max(margin - margin / kMarginDecay, kMinSpinMicros * kNanosPerMicro);
     }
