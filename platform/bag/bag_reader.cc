@@ -242,6 +242,8 @@ std::string BagReader::Rep::Error() const {
     line += "; " + std::to_string(d.damaged_chunks) + (d.damaged_chunks == 1 ? " chunk (" : " chunks (") +
             (d.lost_unknown ? "at least " : "") + std::to_string(d.lost_messages) +
             " messages) could not be read";
+  } else if (d.lost_messages > 0) {
+    line += "; " + std::to_string(d.lost_messages) + " messages could not be read";
   }
   if (d.unread_bytes > 0) {
     line += std::string(d.unfinished && d.damaged_chunks == 0 && d.first.empty() ? "; the last " : "; ") +

@@ -97,6 +97,11 @@ bool DecodeChunk(const ChunkHeader& h, const char* stored, ChunkDecompressor* de
   return CheckChunkCrc(h, *records, std::string(), error);
 }
 
+// A message whose channel is unknown cannot be given a topic: it is lost, and said so.
+std::string UndeclaredChannel(uint16_t channel, uint64_t at) {
+  return "message on undeclared channel " + std::to_string(channel) + " at byte " + std::to_string(at);
+}
+
 // Indexes the records of a decompressed chunk, learning the schemas and channels it
 // defines. False when its records do not exactly fill it.
 bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* index, std::string* error) {
@@ -104,6 +109,8 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
   const size_t size = records.size();
   size_t pos = 0;
   std::map<uint16_t, ChannelStats> found;  // taken into the index only when the chunk is whole
+  uint64_t undeclared = 0;  // messages on a channel no record before them declared
+  uint16_t first_undeclared = 0;
   while (pos < size) {
     if (size - pos < kPrefixSize) {
       *error = "chunk ends inside a record";
@@ -125,6 +132,8 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
       if (index->channels.count(m.channel_id) > 0) {
         index->messages.push_back({m.log_time, block, static_cast<uint32_t>(pos)});
         found[m.channel_id].Add(m.log_time);
+      } else if (undeclared++ == 0) {
+        first_undeclared = m.channel_id;
       }
     } else if (op == kOpSchema) {
       Schema s;
@@ -142,6 +151,10 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
     into.last_time = into.messages == 0 ? stats.last_time : std::max(into.last_time, stats.last_time);
     into.messages += stats.messages;
   }
+  if (undeclared > 0 && index->damage.first.empty()) {
+    index->damage.first = UndeclaredChannel(first_undeclared, index->blocks[block].offset);
+  }
+  index->damage.lost_messages += undeclared;
   return true;
 }
 
@@ -514,6 +527,9 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
         index->messages.push_back(
             {m.log_time, loose, static_cast<uint32_t>(pos - index->blocks[loose].offset)});
         index->channel_stats[m.channel_id].Add(m.log_time);
+      } else {
+        if (damage.first.empty()) damage.first = UndeclaredChannel(m.channel_id, pos);
+        ++damage.lost_messages;
       }
     } else if (op == kOpSchema || op == kOpChannel || op == kOpHeader || op == kOpMetadata) {
       const char* content = in.Get(content_at, len);
