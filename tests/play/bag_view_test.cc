@@ -1,6 +1,5 @@
 #include "play/bag_view.h"
 
-#include <limits>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -112,9 +111,6 @@ TEST_F(BagViewTest, TopicsAreTheUnionOfTheBagsWithTheLaterTypeWinning) {
   BagView view;
   view.append_bag(Open("a", {{1000, "/imu", "", "v1.Imu"}, {1001, "/gps", "", "v1.Gps"}}));
   view.append_bag(Open("b", {{1000, "/imu", "", "v2.Imu"}, {1001, "/cam", "", "v1.Image"}}));
-  EXPECT_EQ(view.get_message_type("/gps"), "v1.Gps");
-  BagView empty;
-  EXPECT_EQ(empty.duration(), std::numeric_limits<long>::max()) << "no end before the first positioning";
   EXPECT_EQ(view.get_message_type("/nowhere"), "");
   EXPECT_THAT(view.topics(), ElementsAre(Pair("/cam", "v1.Image"), Pair("/gps", "v1.Gps"), Pair("/imu", "v2.Imu"),
                                          Pair("/nowhere", "")));

@@ -141,7 +141,7 @@ TEST(BagRecordTest, StopDuringABatchFinishesTheMessageInProgressOnly) {
   stopper.join();
 
   // The part completed is announced by its completed name.
-  ASSERT_EQ(log.CountPrefix("split bag: "), 1u);
+  ASSERT_EQ(log.Count("split bag: "), 1u);
   EXPECT_EQ(log.texts()[1], "split bag: " + dir.file(dir.List()[0]) + "\n");
   std::vector<long> times;
   for (const BagMessage& message : ReadDirectory(dir)) times.push_back(message.time);
@@ -275,10 +275,10 @@ TEST(BagRecordTest, LifecycleCallsFromCallbacksNeitherAbortNorDeadlock) {
   std::thread appender([&] {
     for (int i = 0; i < 1010; ++i) record.AppendMessage(30000 + i, "/t", "demo.T", "x");
   });
-  while (log.CountPrefix(kDropLine) == 0) usleep(1000);
+  while (log.Count(kDropLine) == 0) usleep(1000);
   log.Release();
   appender.join();
-  EXPECT_EQ(1u, log.CountPrefix(kDropLine)) << "stopped at the first drop";
+  EXPECT_EQ(1u, log.Count(kDropLine)) << "stopped at the first drop";
   // Every round of the save thread, the one a callback began again included, says that it runs and that it ends.
   EXPECT_EQ(std::make_pair(log.Count("save thread running"), log.Count("save thread exit")), std::make_pair(size_t{3}, size_t{3}));
 }

@@ -60,9 +60,10 @@ inline void WriteFile(const std::string& path, const std::string& bytes) {
       .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+// Whether `path` names anything, a link to nothing included.
 inline bool Exists(const std::string& path) {
   struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
+  return ::lstat(path.c_str(), &st) == 0;
 }
 
 }  // namespace testing_support

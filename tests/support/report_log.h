@@ -43,11 +43,8 @@ class ReportLog {
     std::lock_guard<std::mutex> lock(mutex_);
     return texts_;
   }
-  size_t Count(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::count(texts_.begin(), texts_.end(), text);
-  }
-  size_t CountPrefix(const std::string& prefix) {
+  // The reports that begin with `prefix` (a whole text is its own prefix).
+  size_t Count(const std::string& prefix) {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::count_if(texts_.begin(), texts_.end(),
                          [&](const std::string& text) { return text.rfind(prefix, 0) == 0; });

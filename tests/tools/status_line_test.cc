@@ -113,9 +113,6 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
   ASSERT_EQ(2u, r["losses"].size());
   EXPECT_EQ("disk_full", r["losses"][1]["reason"].asString());
   EXPECT_EQ(5u, r["losses"][1]["count"].asUInt64());
-  ASSERT_EQ(2u, r["topics"].size());
-  EXPECT_EQ("/imu", r["topics"][1]["topic"].asString());
-  EXPECT_EQ(200000u, r["topics"][1]["total_bytes"].asUInt64());
   EXPECT_TRUE(MonitorJson({})["recorders"].isArray());
 }
 
@@ -125,7 +122,10 @@ TEST(RecordingReportTest, NamesWhatWasLostAndSaysWhetherAllWasKept) {
   BagLosses many;  // more topics than the summary names one by one
   for (int i = 10; i < 32; ++i) many.Add("/t" + std::to_string(i), BagLossReason::kDiskFull, 1);
   const std::string kept = "received 3 messages (1.00 KB)", whole = kept + ", none lost\n",
-                    file = "r/a.kelobag";
+                    file = "r/a.kelobag", many_lost = "/t29: 1 disk full\nlost on 2 more topics\n" + kept,
+                    dropped =
+                        "; the bus dropped 5 datagrams before they reached the recorder (its receive buffer "
+                        "was full)\n";
   struct Case {
     BagLosses losses;
     std::vector<std::string> incomplete;
@@ -135,14 +135,8 @@ TEST(RecordingReportTest, NamesWhatWasLostAndSaysWhetherAllWasKept) {
   for (const Case& c : std::vector<Case>{
            {{}, {}, 0, whole},
            {{}, {file}, 0, "could not complete " + file + "; it stays readable as unfinished\n" + whole},
-           {{},
-            {},
-            5,
-            "; the bus dropped 5 datagrams before they reached the recorder (its receive buffer was full)\n"},
-           {many,
-            {},
-            0,
-            "/t29: 1 disk full\nlost on 2 more topics\n" + kept + "; 22 of them lost: 22 disk full\n"}}) {
+           {{}, {}, 5, dropped},
+           {many, {}, 0, many_lost + "; 22 of them lost: 22 disk full\n"}}) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(c.end == whole, ReportRecording("received", 3, 1024, c.losses, c.incomplete, c.drops)) << c.end;
     EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::EndsWith(c.end));

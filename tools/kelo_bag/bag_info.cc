@@ -37,6 +37,8 @@ std::string UnreadableText(const BagSummary& s) {
   if (s.damaged_chunks > 0) {
     text = std::to_string(s.damaged_chunks) + (s.damaged_chunks == 1 ? " chunk" : " chunks") + " (" +
            (s.messages_unknown ? "at least " : "") + std::to_string(s.lost_messages) + " messages)";
+  } else if (s.lost_messages > 0) {  // on channels the file never declared
+    text = std::to_string(s.lost_messages) + " messages";
   }
   if (s.unread_bytes > 0) text += (text.empty() ? "" : " and ") + std::to_string(s.unread_bytes) + " bytes";
   return text.empty() ? "" : text + " could not be read";

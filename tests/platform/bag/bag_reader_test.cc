@@ -1,7 +1,6 @@
 #include "platform/bag/bag_reader.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -128,11 +127,9 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
   std::fill_n(&orphan[in_chunk + mcap::kPrefixSize + 24], 4, '\0');
   orphan.replace(Find(orphan, mcap::kOpMessage, in_chunk + mcap::kPrefixSize + 40) + mcap::kPrefixSize, 2, "ww");
   WriteFile(dir.file("orphan.kelobag.active"), orphan);
-  BagReader lost(dir.file("orphan.kelobag.active"));
-  EXPECT_EQ(bag.messages.size() - 1, lost.count());
-  EXPECT_EQ(1u, lost.file_info().lost_messages);
-  EXPECT_THAT(lost.get_error(), testing::HasSubstr("1 messages could not be read (first: message on undeclared "
-                                                   "channel 30583 at byte " + std::to_string(in_chunk) + ")"));
+  EXPECT_THAT(BagReader(dir.file("orphan.kelobag.active")).get_error(),
+              testing::EndsWith(": recovered damaged bag: kept 199 messages; 1 messages could not be read (first: "
+                                "message on undeclared channel 30583 at byte " + std::to_string(in_chunk) + ")"));
   // An empty record of a kind we do not know (another writer's) closing a chunk is sound.
   std::string bytes = bag.bytes.substr(0, Find(bag.bytes, mcap::kOpDataEnd));
   const size_t chunk = Find(bytes, mcap::kOpChunk), body = chunk + mcap::kPrefixSize;

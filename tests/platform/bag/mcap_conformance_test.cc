@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <algorithm>
 #include <map>
 #include <sstream>
 

@@ -12,11 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/bag_files.h"
 #include "tests/support/temp_dir.h"
 
 namespace kelo {
 namespace {
 
+using testing_support::Exists;
 using testing_support::TempDir;
 
 constexpr time_t kDay = 1709600000;
@@ -25,11 +27,6 @@ void MakeFile(const std::string& path, size_t size, time_t mtime) {
   std::ofstream(path, std::ios::binary) << std::string(size, 'x');
   const timespec times[2] = {{mtime, 0}, {mtime, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
 }
 
 class FileSpaceManagerTest : public ::testing::TestWithParam<FileSpaceManager::Mode> {};

@@ -92,8 +92,8 @@ TEST(UdpFrameTest, TruncatedForeignAndContradictoryDatagramsAreToldApart) {
   EXPECT_EQ(Parse(empty), kBad);
 }
 
-// Catches a read that takes a stream cut short or moves its cursor when it fails, and a value
-// written in another width.
+// Catches a read that takes a stream cut short or moves its cursor when it fails. (A write of
+// another width: every message the trigger and monitor tests exchange.)
 TEST(MemoryStreamTest, EveryReadRefusesAStreamCutShortAndTakesAWholeOne) {
   const std::vector<std::pair<size_t, std::function<bool(MemoryStream*)>>> reads = {
       {1, [](MemoryStream* s) { uint8_t v; return s->read_uint8(&v); }},
@@ -116,10 +116,6 @@ TEST(MemoryStreamTest, EveryReadRefusesAStreamCutShortAndTakesAWholeOne) {
     EXPECT_TRUE(read(&in)) << width;
     EXPECT_EQ(in.remaining(), 0u) << width;
   }
-  MemoryStream out;  // and each write at its width
-  out.write_uint8(1), out.write_uint16(2), out.write_uint32(3), out.write_int32(-4), out.write_uint64(5);
-  out.write_int64(-6), out.write_double(0.5), out.write_string("abc"), out.write_bytes("de", 2);
-  EXPECT_EQ(out.size(), 1 + 2 + 4 + 4 + 8 + 8 + 8 + 7 + 2u);
 }
 
 class UdpReassemblerTest : public testing::Test {
