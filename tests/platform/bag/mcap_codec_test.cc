@@ -108,7 +108,7 @@ TEST(McapCodecTest, ChunksSurviveCompressionAndLiesAreCaught) {
 }
 
 // Catches a zstd frame (another writer's, with a checksum) cut inside its checksum taken as whole,
-// and a second frame left out.
+// a second frame left out, and a skippable frame after the data refused.
 TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
   const std::string records = testing_support::Noise(5000, 9);
   ZSTD_CCtx* cctx = ZSTD_createCCtx();
@@ -125,6 +125,9 @@ TEST(McapCodecTest, AZstdChunkCutInsideItsChecksumIsTruncated) {
   const std::string twice = stored + stored;
   ASSERT_TRUE(decompressor.Decompress("zstd", twice.data(), twice.size(), 2 * records.size(), &back, &error)) << error;
   EXPECT_EQ(records + records, back);
+  // A frame followed by a skippable one (another writer's padding) is whole at its announced size.
+  const std::string padded = stored + std::string("\x50\x2a\x4d\x18\x04\0\0\0pads", 12);
+  EXPECT_TRUE(decompressor.Decompress("zstd", padded.data(), padded.size(), records.size(), &back, &error)) << error;
 }
 
 TEST(RandomAccessFileTest, AFileThatShrinksAfterOpeningFailsTheRead) {
