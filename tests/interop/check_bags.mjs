@@ -19,12 +19,8 @@ const hex = (bytes) => Buffer.from(bytes).toString("hex");
 // nanosecond apart in the order they came, which the streamed read checks.
 const key = (m) => `${BigInt(m.log_time) / 1000000n}|${m.publish_time}|${m.topic}|${m.type}|${m.data}`;
 
-function sameList(a, b, what) {
-  if (a.length !== b.length) return fail(`${what}: ${a.length} items, expected ${b.length}`);
-  for (let i = 0; i < a.length; i++) {
-    if (a[i] !== b[i]) return fail(`${what}: item ${i} differs`);
-  }
-}
+const sameList = (a, b, what) =>
+  check(a.length === b.length && a.every((x, i) => x === b[i]), `${what}: ${a.length} items of ${b.length}, or one differs`);
 
 const names = (await readdir(dir)).filter((n) => n.endsWith(".kelobag")).sort();
 check(names.length >= 3, `expected bags in ${dir}, found ${names.length}`);

@@ -1,6 +1,3 @@
-#include <utime.h>
-
-#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -13,6 +10,7 @@
 #include "record/bag_record_options.h"
 #include "record/bag_record_writer.h"
 #include "record/wall_clock.h"
+#include "tests/support/bag_files.h"
 #include "tests/support/report_log.h"
 #include "tests/support/temp_dir.h"
 
@@ -22,6 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing_support::ReportLog;
 using testing_support::TempDir;
+using testing_support::WriteFileDated;
 
 // Settings as load_opts() leaves them for a trigger-mode command line.
 void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*> args) {
@@ -31,13 +30,6 @@ void Load(BagRecordOpt* opt, const std::string& output, std::vector<const char*>
 }
 
 BagRecordWriter::Message At(long time) { return {time, time, "/t", "demo.T", std::to_string(time)}; }
-
-void WriteFileAged(const std::string& path, size_t bytes, int age_s) {
-  std::ofstream(path) << std::string(bytes, 'x');
-  struct utimbuf times;
-  times.actime = times.modtime = time(nullptr) - age_s;
-  utime(path.c_str(), &times);
-}
 
 // Catches a managed folder when switched off or not a folder, and the wrong mode at the 2048 MB edge or below 0.
 TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAModeBySize) {
@@ -60,12 +52,12 @@ TEST(BagRecordTriggerTest, TheFolderIsManagedForANormalPathUnlessSwitchedOffInAM
 TEST(BagRecordTriggerTest, FolderIsBroughtWithinBudgetBeforeEachFileWithItsOwnBagsOnly) {
   TempDir dir;
   // Three old bags of this recorder, 600 KB each, against a budget of 1 MB; others' files older still.
-  WriteFileAged(dir.file("drive_20200101000001_a.kelobag"), 600000, 300);
-  WriteFileAged(dir.file("drive_20200101000002.kelobag"), 600000, 200);
-  WriteFileAged(dir.file("drive_20200101000003-1.kelobag"), 600000, 100);
+  WriteFileDated(dir.file("drive_20200101000001_a.kelobag"), 600000, time(nullptr) - 300);
+  WriteFileDated(dir.file("drive_20200101000002.kelobag"), 600000, time(nullptr) - 200);
+  WriteFileDated(dir.file("drive_20200101000003-1.kelobag"), 600000, time(nullptr) - 100);
   for (const char* foreign : {"old_1.kelobag", "drive_2020.kelobag", "drive_20200101000004.kelobag.active",
                               "bag_20200101000004_0.kelobag", "notes.txt"}) {
-    WriteFileAged(dir.file(foreign), 600000, 1000);
+    WriteFileDated(dir.file(foreign), 600000, time(nullptr) - 1000);
   }
   BagRecordOpt opt;
   Load(&opt, dir.file("drive"), {"--reserve", "5", "--duration", "5", "--fs", "1"});

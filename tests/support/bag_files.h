@@ -1,6 +1,7 @@
 #ifndef KELO_TESTS_SUPPORT_BAG_FILES_H_
 #define KELO_TESTS_SUPPORT_BAG_FILES_H_
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -58,6 +59,13 @@ inline std::string ReadFile(const std::string& path) {
 inline void WriteFile(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc)
       .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// A file of `bytes` bytes last modified at `mtime`, seconds since the epoch.
+inline void WriteFileDated(const std::string& path, size_t bytes, time_t mtime) {
+  WriteFile(path, std::string(bytes, 'x'));
+  const timespec times[2] = {{mtime, 0}, {mtime, 0}};
+  EXPECT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0)) << path;
 }
 
 // Whether `path` names anything, a link to nothing included.

@@ -196,9 +196,8 @@ TEST(KeloBagCliTest, InfoAndPlayNameDamagedBagsWithWhatTheyCouldNotReadAndExit3)
   EXPECT_THAT(KeloBag(dir, {"info", "--json", "--verify", damaged}).out,
               testing::AllOf(HasSubstr("\"lost\" : 4"), HasSubstr("\"chunks\" : 1")));
 
-  const RunResult play = KeloBag(dir, {"play", damaged});
-  EXPECT_THAT(play, ExitsSaying(3, "play: " + damaged + ": recovered damaged bag: kept "));
-  EXPECT_THAT(play.err, HasSubstr("1 chunk ("));
+  EXPECT_THAT(KeloBag(dir, {"play", damaged}),
+              ExitsSaying(3, "play: " + damaged + ": recovered damaged bag: kept "));
   EXPECT_THAT(KeloBag(dir, {"play", header_only}), ExitsSaying(0, "nothing to play"));
   EXPECT_THAT(KeloBag(dir, {"play", first_cut}), ExitsSaying(3, first_cut + ": no messages to read; "));
 }

@@ -1,11 +1,9 @@
 #include "platform/space/file_space_manager.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,14 +18,9 @@ namespace {
 
 using testing_support::Exists;
 using testing_support::TempDir;
+using testing_support::WriteFileDated;
 
 constexpr time_t kDay = 1709600000;
-
-void MakeFile(const std::string& path, size_t size, time_t mtime) {
-  std::ofstream(path, std::ios::binary) << std::string(size, 'x');
-  const timespec times[2] = {{mtime, 0}, {mtime, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
 
 class FileSpaceManagerTest : public ::testing::TestWithParam<FileSpaceManager::Mode> {};
 
@@ -43,7 +36,7 @@ TEST_P(FileSpaceManagerTest, KeepsTheNewestFilesThatFit) {
   for (unsigned long limit : limits) {
     TempDir dir;
     for (size_t i = 0; i < sizes.size(); ++i) {  // name order and age order differ
-      MakeFile(dir.file("f" + std::to_string(6 - i) + ".kelobag"), sizes[i], kDay + static_cast<time_t>(i));
+      WriteFileDated(dir.file("f" + std::to_string(6 - i) + ".kelobag"), sizes[i], kDay + static_cast<time_t>(i));
     }
     size_t left = newest, first_kept = 0;
     while (left > limit) left -= sizes[first_kept++];
@@ -64,15 +57,15 @@ TEST_P(FileSpaceManagerTest, NeverTouchesWhatItDoesNotManage) {
   // Old and large, so that each would be first to go if it counted.
   const std::vector<std::string> foreign = {"bag_1.kelobag.active", "bag_2.kelobag.bak", "bag_3.kelobagx",
                                             "bag_4.KELOBAG", "other_5.kelobag", "bag_6.mcap"};
-  for (const std::string& name : foreign) MakeFile(dir + "/" + name, 1000, kDay);
+  for (const std::string& name : foreign) WriteFileDated(dir + "/" + name, 1000, kDay);
   ASSERT_EQ(mkdir((dir + "/bag_sub.kelobag").c_str(), 0755), 0);
-  MakeFile(dir + "/bag_sub.kelobag/bag_7.kelobag", 1000, kDay);
-  MakeFile(outside.file("bag_8.kelobag"), 1000, kDay);  // beside the folder, not in it
+  WriteFileDated(dir + "/bag_sub.kelobag/bag_7.kelobag", 1000, kDay);
+  WriteFileDated(outside.file("bag_8.kelobag"), 1000, kDay);  // beside the folder, not in it
   ASSERT_EQ(symlink(outside.file("bag_8.kelobag").c_str(), (dir + "/bag_link.kelobag").c_str()), 0);
   ASSERT_EQ(symlink("/nonexistent", (dir + "/bag_dangling.kelobag").c_str()), 0);
-  MakeFile(dir + "/bag_old_b.kelobag", 20, kDay + 1);
-  MakeFile(dir + "/bag_old_a.kelobag", 20, kDay + 1);
-  MakeFile(dir + "/bag_new.kelobag", 40, kDay + 2);
+  WriteFileDated(dir + "/bag_old_b.kelobag", 20, kDay + 1);
+  WriteFileDated(dir + "/bag_old_a.kelobag", 20, kDay + 1);
+  WriteFileDated(dir + "/bag_new.kelobag", 40, kDay + 2);
 
   FileSpaceManager space(dir, "bag_", ".kelobag", 50, GetParam());
   std::vector<std::string> seen;  // what is to go: oldest first, ties by name; another recorder deletes one first
@@ -106,18 +99,18 @@ TEST_P(FileSpaceManagerTest, AFolderThatCannotBeReadDoesNotFit) {
 // Files replaced, removed, added or rewritten in place between calls are seen (victims re-measured).
 TEST_P(FileSpaceManagerTest, SeesWhatChangedInTheFolderBetweenCalls) {
   TempDir dir;
-  MakeFile(dir.file("a.kelobag"), 10, kDay);
-  MakeFile(dir.file("b.kelobag"), 10, kDay + 1);
-  MakeFile(dir.file("d.kelobag"), 10, kDay + 2);
+  WriteFileDated(dir.file("a.kelobag"), 10, kDay);
+  WriteFileDated(dir.file("b.kelobag"), 10, kDay + 1);
+  WriteFileDated(dir.file("d.kelobag"), 10, kDay + 2);
   FileSpaceManager space(dir.path(), "", ".kelobag", 100, GetParam());
   EXPECT_TRUE(space.free(nullptr));  // fits; an index now knows a, b and d
   // "a" is replaced by a newer, larger file of the same name; "b" vanishes; "c" appears;
   // "d" becomes the newest without a new directory entry.
-  MakeFile(dir.file("a.tmp"), 60, kDay + 10);
+  WriteFileDated(dir.file("a.tmp"), 60, kDay + 10);
   ASSERT_EQ(rename(dir.file("a.tmp").c_str(), dir.file("a.kelobag").c_str()), 0);
   ASSERT_EQ(unlink(dir.file("b.kelobag").c_str()), 0);
-  MakeFile(dir.file("c.kelobag"), 40, kDay + 5);
-  MakeFile(dir.file("d.kelobag"), 10, kDay + 20);
+  WriteFileDated(dir.file("c.kelobag"), 40, kDay + 5);
+  WriteFileDated(dir.file("d.kelobag"), 10, kDay + 20);
   EXPECT_TRUE(space.free(nullptr));
   EXPECT_EQ(dir.List(), (std::vector<std::string>{"a.kelobag", "d.kelobag"}));
 }
