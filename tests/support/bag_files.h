@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -67,6 +69,9 @@ inline void WriteFileDated(const std::string& path, size_t bytes, time_t mtime) 
   const timespec times[2] = {{mtime, 0}, {mtime, 0}};
   EXPECT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0)) << path;
 }
+
+// How many files this process has open.
+inline long OpenFiles() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // Whether `path` names anything, a link to nothing included.
 inline bool Exists(const std::string& path) {

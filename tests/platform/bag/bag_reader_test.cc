@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 
 #include "platform/bag/bag_writer.h"
@@ -178,8 +177,7 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReaderButNotItsFil
   std::vector<BagMessage> messages;
   for (long t : {0, 1, 20, 20, 30, 50}) messages.push_back(Message("/t", t, "T", std::to_string(t)));
   const std::string path = WriteBag(dir.file("seek.kelobag"), messages);
-  const auto open_files = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-  const auto before = open_files();
+  const long before = OpenFiles();
   auto reader = std::make_unique<BagReader>(path);
   EXPECT_EQ(std::make_pair(0L, 50L), std::make_pair(reader->start_time(), reader->end_time()));
   // {time, index of the first message at or after it}
@@ -195,7 +193,7 @@ TEST(BagReaderTest, SeeksByIndexAndByTimeAndMessagesOutliveTheReaderButNotItsFil
   reader->seek(99);
   EXPECT_TRUE(reader->eof() && reader->read() == nullptr);
   reader.reset();
-  EXPECT_EQ(before, open_files()) << "the file is closed with its reader";
+  EXPECT_EQ(before, OpenFiles()) << "the file is closed with its reader";
   EXPECT_EQ("30", kept->data);
 }
 

@@ -144,6 +144,7 @@ TEST(BagWriterTest, AFolderRemovedWhileWritingLosesItsFileAndANewOneBeginsWhenIt
   struct stat st;
   WaitFor([&] { return ::stat((folder + "/bag.kelobag.active").c_str(), &st) == 0 && st.st_size >= 100; },
           10000);
+  const long open_files = OpenFiles();
   testing::internal::CaptureStderr();
   ASSERT_EQ(0, std::system(("rm -rf '" + folder + "'").c_str()));
   writer.append_message(2, 2, "/a", "second", "T");
@@ -158,6 +159,7 @@ TEST(BagWriterTest, AFolderRemovedWhileWritingLosesItsFileAndANewOneBeginsWhenIt
   EXPECT_THAT(log, ContainsRegex(" \\(after (1 failure|([2-9]|[1-9][0-9]+) failures)\\)\n")) << log;
   EXPECT_EQ("second third ", Datas(done));  // the deleted file's message is counted lost
   EXPECT_EQ(1u, writer.losses()->Total().total(BagLossReason::kWriteError));
+  EXPECT_EQ(open_files - 1, OpenFiles()) << "the lost file's descriptor is closed too";
 }
 
 // Catches times a bag cannot hold, or a topic past the last channel id, stored anyway, uncounted, or
