@@ -52,6 +52,13 @@ TEST(LcmBusTest, CountsTheKernelDropsOfItsOwnSocketsOnTheBusPort) {
   EXPECT_EQ(22u, UdpDrops(table, {501, 502, 503}, 7667));
   EXPECT_EQ(0u, UdpDrops(table, {}, 7667));
   EXPECT_EQ(1000u, UdpDrops(table, {503}, 7668));
+  // A real bus whose socket is not read while it floods: the kernel drops, the bus counts.
+  std::string error;
+  std::unique_ptr<LcmBus> bus = LcmBus::Open(BusUrl("", 65536), &error);
+  ASSERT_NE(nullptr, bus) << error;
+  bus->Subscribe({"/flood"}, [](const LcmBus::Message&) {});
+  for (int i = 0; i < 200 && bus->KernelDrops() == 0; ++i) bus->Publish("/flood", std::string(60000, 'f'));
+  EXPECT_GT(bus->KernelDrops(), 0u);
 }
 
 TEST(LcmMessageTypeTest, AChannelOfChangingFirstBytesIsFiledAsRawAfterAFewTypes) {
