@@ -400,8 +400,9 @@ TEST(KeloBagCliTest, FilterMergeCatAndRecoverCopyWhatTheyAreAskedFor) {
   EXPECT_EQ(2, none.code);
   EXPECT_EQ("cat: no topic of the bags is selected by --topics and --exclude\n", none.err);
   BagWriter quoted(fileio::FilePath(dir.file("quoted.kelobag.active")));
-  quoted.append_message(1700000000000, 0, "/q", "say \"hi\" \\o/", "T");
-  EXPECT_THAT(KeloBag(dir, {"cat", quoted.close()}).out, HasSubstr(" \"say \\\"hi\\\" \\\\o/\"\n"));
+  quoted.append_message(1700000000000, 0, "/q", "say \"hi\" \\o/ 32 bytes, all shown", "T");  // no "..."
+  EXPECT_THAT(KeloBag(dir, {"cat", quoted.close()}).out,
+              HasSubstr(" \"say \\\"hi\\\" \\\\o/ 32 bytes, all shown\"\n"));
 
   // A bag cut in its middle: what could still be read is saved whole, the rest named.
   const std::string bytes = ReadFile(second), cut = dir.file("cut.kelobag");
