@@ -98,7 +98,6 @@ TEST(KeloBagCliTest, PrintsHelpForTheToolAndEveryCommand) {
 
 TEST(KeloBagCliTest, RefusesABadCommandLineWithOneLineAndExitCode2) {
   TempDir dir;
-  // (Numbers that do not parse and unknown options: the option parser's own test.)
   const std::vector<std::vector<std::string>> bad = {
       {}, {"recrod"}, {"record", "-a", "/imu"}, {"record", "-a", "--regex", "/i.*"}, {"record", "--regex", "("},
       {"record", "-a", "--exclude", "["}, {"record", "-a", "--max-files", "2"}, {"record", "-a", "--no-such-option"},

@@ -143,18 +143,6 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
   EXPECT_EQ(bag.messages.size(), BagReader(dir.file("empty.kelobag")).count());
 }
 
-// Catches a topic without messages unlisted: one declared before the first message, one after the last.
-TEST(BagReaderTest, TopicsWithoutMessagesAreListed) {
-  TempDir dir;
-  BagWriter writer(fileio::FilePath(dir.file("quiet.kelobag.active")));
-  writer.append_topic("/quiet", "Q");
-  writer.append_message(1000, 0, "/t", "x", "T");
-  writer.append_topic("/late", "L");  // after the last message: it goes into the file's tail
-  std::vector<std::string> topics;
-  for (const auto& t : BagReader(writer.close()).topics()) topics.push_back(t->name);
-  EXPECT_THAT(topics, testing::UnorderedElementsAre("/quiet", "/t", "/late"));
-}
-
 // Catches time order lost across chunks that overlap in time, ties taken out of write order, and
 // the indexes of an odd number of channels in one chunk merged out of order.
 TEST(BagReaderTest, GivesMessagesInTimeOrderAcrossOverlappingChunksWithTiesInWriteOrder) {

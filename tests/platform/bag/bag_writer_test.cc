@@ -58,9 +58,10 @@ TEST(BagWriterTest, NamesEachPartAfterItsIndexAndNeverReplacesAFileThatExistsOrA
   writer.append_message(2000, 2001, "/gps", "b", "kelo.Gps");
   WaitFor([&] { return Exists(base + "_1-1.kelobag.active"); }, 10000);
   WriteFile(base + "_1-1.kelobag", "appeared");
+  writer.append_topic("/late", "kelo.Late");  // after the last message: in the file's tail only
   EXPECT_EQ(base + "_1-2.kelobag", writer.close());
   EXPECT_EQ("", writer.active_file());
-  EXPECT_EQ(2u, BagReader(base + "_1-2.kelobag").topics().size());  // every topic known when it began
+  EXPECT_EQ(3u, BagReader(base + "_1-2.kelobag").topics().size());  // every topic known, with messages or not
   writer.append_message(3000, 3001, "/imu", "c", "kelo.Imu");  // a restarted recording: a new file
   EXPECT_EQ(base + "_1-3.kelobag", writer.close());
   EXPECT_EQ("a b c ", Datas(base + "_0.kelobag") + Datas(base + "_1-2.kelobag") + Datas(base + "_1-3.kelobag"));

@@ -27,8 +27,7 @@ TEST(TriggerNoticeTest, ParsesBackExactlyTheTextsItWrites) {
       "trigger -1", "trigger +1", "trigger 1x", "trigger 0x10", "trigger 253402300800000",
       "trigger 99999999999999999999", "trigger 1 a b", "trigger 1 a/b", "trigger 1 a\tb",
       "trigger 1 " + std::string(65, 'l'), std::string("trigger 1 a\0b", 13), "trigger 1\n", " trigger 1",
-      "xtrigger 1",
-  };
+      "xtrigger 1"};
   for (const std::string& text : bad) {
     TriggerNotice notice{42, "kept"};
     EXPECT_FALSE(TriggerNotice::Parse(text, &notice)) << text;
