@@ -132,8 +132,9 @@ bool ScanChunkRecords(const std::string& records, uint32_t block, BagIndex* inde
       if (index->channels.count(m.channel_id) > 0) {
         index->messages.push_back({m.log_time, block, static_cast<uint32_t>(pos)});
         found[m.channel_id].Add(m.log_time);
-      } else if (undeclared++ == 0) {
-        first_undeclared = m.channel_id;
+      } else {
+        if (undeclared == 0) first_undeclared = m.channel_id;
+        ++undeclared;
       }
     } else if (op == kOpSchema) {
       Schema s;

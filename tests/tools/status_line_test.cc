@@ -121,11 +121,10 @@ TEST(MonitorViewTest, ShowsEachRecorderWithARowPerTopic) {
 TEST(RecordingReportTest, NamesWhatWasLostAndSaysWhetherAllWasKept) {
   BagLosses many;  // more topics than the summary names one by one
   for (int i = 10; i < 32; ++i) many.Add("/t" + std::to_string(i), BagLossReason::kDiskFull, 1);
-  const std::string kept = "received 3 messages (1.00 KB)", whole = kept + ", none lost\n",
-                    file = "r/a.kelobag", many_lost = "/t29: 1 disk full\nlost on 2 more topics\n" + kept,
-                    dropped =
-                        "; the bus dropped 5 datagrams before they reached the recorder (its receive buffer "
-                        "was full)\n";
+  const std::string kept = "received 3 messages (1.00 KB)", whole = kept + ", none lost\n", file = "r/a.bag",
+                    many_lost = "lost on /t29: 1 disk full\nlost on 2 more topics\n" + kept,
+                    dropped = kept + "; the bus dropped 5 datagrams before they reached the recorder (its "
+                                     "receive buffer was full)\n";
   struct Case {
     BagLosses losses;
     std::vector<std::string> incomplete;
