@@ -10,13 +10,16 @@ namespace cli {
 
 namespace {
 
+// Atomics, not sig_atomic_t: the two signals of a forced stop may arrive on two threads at
+// once (LCM has threads of its own), and both must not take themselves for the first.
 std::atomic<bool> requested{false};
-volatile sig_atomic_t signals_seen = 0;
-volatile sig_atomic_t last_signal = 0;
+std::atomic<int> signals_seen{0};
+std::atomic<int> last_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "used from a signal handler");
 
 void OnSignal(int signal_number) {
-  last_signal = signal_number;
-  if (signals_seen++ > 0) {
+  last_signal.store(signal_number);
+  if (signals_seen.fetch_add(1) > 0) {
     static const char kForced[] =
         "\nstopped at once: files being written stay .active (readable up to their last chunk)\n";
     ssize_t ignored = write(STDERR_FILENO, kForced, sizeof(kForced) - 1);
@@ -30,8 +33,8 @@ void OnSignal(int signal_number) {
 
 void StopSignal::Install() {
   requested.store(false);
-  signals_seen = 0;
-  last_signal = 0;
+  signals_seen.store(0);
+  last_signal.store(0);
   struct sigaction action = {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
@@ -41,7 +44,7 @@ void StopSignal::Install() {
 
 bool StopSignal::Requested() { return requested.load(); }
 
-int StopSignal::Signal() { return last_signal; }
+int StopSignal::Signal() { return last_signal.load(); }
 
 }  // namespace cli
 }  // namespace kelo
