@@ -185,7 +185,9 @@ TEST(BagPlayTest, EveryControlCallReportsWhetherItActedInEveryState) {
       EXPECT_EQ(play.NotifyTimeline(), row.next_code[i]) << "state " << row.state << ", op " << i << ", then a step";
     }
   }
-  testing::internal::GetCapturedStdout();
+  // Steps that find the player stopped or out of messages say so on the console.
+  const std::string console = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(console.find("\nstop\n") != console.npos && console.find("\nno message\n") != console.npos);
 }
 
 // Each locking call from another thread waits while a step (here its message callback) holds the lock.

@@ -37,6 +37,7 @@ TEST(BagRecordActualTest, SplitsOnlyWhenMessageTimeIsStrictlyPastThePeriodOrTheP
       {0, hours, {50}, {"rec.kelobag"}},
       {-5, hours, {50}, {"rec.kelobag"}},
       {0, {1, 2, 3, 4, 5, 6, 7}, {3, 3, 1}, {"rec_0.kelobag", "rec_1.kelobag", "rec_2.kelobag"}, 3},
+      {0, {1, 2, 3}, {1, 1, 1}, {}, 1},  // the smallest limit: a part per message
   };
   for (const auto& c : cases) {
     TempDir dir;

@@ -44,6 +44,7 @@ TEST(FilesTest, MakesNestedDirectoriesAndSaysWhyItCannot) {
   std::ofstream(dir.file("file")) << "x";
   EXPECT_FALSE(MakeDirectories(dir.file("file/sub"), &error));
   EXPECT_NE(std::string::npos, error.find(dir.file("file"))) << error;
+  EXPECT_FALSE(MakeDirectories(dir.file("file"), &error)) << "a file where the folder would be";
   // A folder that cannot be written in is refused before recording starts (read-only
   // mount: root may write in any folder its mode forbids). Needs the private mount
   // namespace that tests/run_in_netns.sh gives the test.

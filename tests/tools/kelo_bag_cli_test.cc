@@ -299,7 +299,7 @@ TEST(KeloBagCliTest, PlayOnATerminalStartsPausedAndTakesKeys) {
   EXPECT_EQ(play.screen().find("topic:"), play.screen().rfind("topic:")) << play.screen();
   play.Type("q");
   EXPECT_EQ(0, play.Exit()) << play.screen();
-  EXPECT_THAT(play.screen(), HasSubstr("quit"));
+  EXPECT_THAT(play.screen(), HasSubstr("\r\nquit\r\n"));
   // Played to its end on a terminal, it ends by itself too.
   OnTerminal to_the_end({kKeloBag, "play", WriteBag(dir, "short", 0, 0)});
   EXPECT_EQ(0, to_the_end.Exit()) << to_the_end.screen();

@@ -295,6 +295,12 @@ TEST(BagReaderTest, LeavesOutDamagedChunksCountsWhatTheyHeldAndReadsTheRest) {
     EXPECT_THAT(reader.get_error(),
                 testing::HasSubstr("1 chunk (" + std::to_string(lost) + " messages) could not be read"));
   }
+  // The last chunk damaged, the file cut before the indexes that would count its messages.
+  std::string uncounted = bag.bytes.substr(0, bag.chunks.back().end);
+  uncounted[bag.chunks.back().end - 10] ^= 0x5A;
+  WriteFile(dir.file("uncounted.kelobag.active"), uncounted);
+  EXPECT_THAT(BagReader(dir.file("uncounted.kelobag.active")).get_error(),
+              testing::HasSubstr("; 1 chunk (at least 0 messages) could not be read"));
   // Garbage over a chunk's framing: from the next sound chunk on, all is read again.
   std::string zeroed = bag.bytes.substr(0, bag.chunks.back().end);
   std::fill_n(zeroed.begin() + static_cast<long>(third.begin), 40, 0);

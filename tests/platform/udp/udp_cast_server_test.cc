@@ -1,5 +1,7 @@
 #include "platform/udp/udp_cast_server.h"
 
+#include <arpa/inet.h>
+
 #include <atomic>
 #include <functional>
 #include <stdexcept>
@@ -10,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/udp/udp_socket.h"
 #include "tests/support/report_log.h"
 #include "tests/support/subprocess.h"
 
@@ -120,6 +123,14 @@ TEST(UdpCastServerTest, BadSettingsAreRefusedAndNothingLeavesThisHost) {
     EXPECT_FALSE(server.send_data(peer, 28012, UdpMessage("k"))) << peer;
   EXPECT_FALSE(server.send_data("127.0.0.1", 0, UdpMessage("k")));
   EXPECT_TRUE(server.send_data("127.0.0.2", 28012, UdpMessage("k")));
+  // An interface gone since it was looked up (an adapter unplugged) is refused, not half used.
+  UdpInterface gone;
+  std::string error;
+  ASSERT_TRUE(ResolveUdpInterface("lo", &gone, &error)) << error;
+  gone.index = 100000;
+  UdpSocket s;
+  EXPECT_TRUE(!s.OpenEndpoint(gone, &error) && error.find("cannot send multicast on lo: ") == 0) << error;
+  EXPECT_TRUE(!s.OpenGroup(gone, inet_addr(kGroup), 9, &error) && error.find("cannot join ") == 0) << error;
 }
 
 }  // namespace
