@@ -1,10 +1,10 @@
 #ifndef KELO_TESTS_SUPPORT_TEMP_DIR_H_
 #define KELO_TESTS_SUPPORT_TEMP_DIR_H_
 
-#include <dirent.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,13 +16,8 @@ namespace testing_support {
 // The names in the directory `path`, sorted; none when it cannot be read.
 inline std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  if (DIR* dir = opendir(path.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-  }
+  std::error_code error;
+  for (const auto& e : std::filesystem::directory_iterator(path, error)) names.push_back(e.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -45,7 +40,6 @@ class TempDir {
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-  // The names in the directory, sorted.
   std::vector<std::string> List() const { return ListDir(path_); }
 
  private:

@@ -2,11 +2,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -21,6 +19,8 @@
 #include "platform/trigger/trigger_sender.h"
 #include "platform/udp/udp_cast_server.h"
 #include "record/wall_clock.h"
+#include "tests/support/report_log.h"
+#include "tests/support/subprocess.h"
 
 namespace kelo {
 namespace {
@@ -28,33 +28,22 @@ namespace {
 const fileio::DirectoryPath kDir("/rec");
 constexpr int kWaitMs = 20000;  // generous for sanitizer builds; success ends the wait early
 
-// The notices nodes were given: "node notice", with when they came.
-class NoticeLog {
- public:
-  void Add(const std::string& node, const std::string& notice) {
-    std::lock_guard<std::mutex> hold(mu_);
-    entries_.emplace_back(node + " " + notice, WallClockMs());
-    changed_.notify_all();
-  }
-  // The notices containing `part` once there are `count` of them (or after kWaitMs).
-  std::vector<std::pair<std::string, long>> With(const std::string& part, size_t count = 0) {
-    std::unique_lock<std::mutex> hold(mu_);
-    std::vector<std::pair<std::string, long>> found;
-    changed_.wait_for(hold, std::chrono::milliseconds(count > 0 ? kWaitMs : 0), [&] {
-      found.clear();
-      for (const auto& e : entries_) {
-        if (e.first.find(part) != std::string::npos) found.push_back(e);
-      }
-      return found.size() >= count;
-    });
-    return found;
-  }
+// The notices nodes were given, as "node notice|when it came".
+void Note(testing_support::ReportLog* log, const std::string& node, const std::string& notice) {
+  log->sink()(node + " " + notice + "|" + std::to_string(WallClockMs()));
+}
 
- private:
-  std::mutex mu_;
-  std::condition_variable changed_;
-  std::vector<std::pair<std::string, long>> entries_;
-};
+// The notices containing `part`, once there are `count` of them (or after kWaitMs).
+std::vector<std::string> With(testing_support::ReportLog* log, const std::string& part, size_t count = 0) {
+  std::vector<std::string> found;
+  testing_support::WaitFor([&] {
+    found.clear();
+    for (const std::string& text : log->texts())
+      if (text.find(part) != std::string::npos) found.push_back(text);
+    return found.size() >= count;
+  }, count > 0 ? kWaitMs : 0);
+  return found;
+}
 
 // A sender for nodes of this process, which acknowledge at once; with 0, one that sends without waiting.
 TriggerSender::Options Quick(int ack_window_ms = 500) {
@@ -104,10 +93,10 @@ TEST(TriggerRecordNodeApiTest, EveryNodeAnswersAndTheSenderLearnsTheLastFileEach
 
 // Notices come no earlier than due, in due order (ties in arrival order); the sender is told when.
 TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
-  NoticeLog log;
+  testing_support::ReportLog log;
   TriggerRecordNodeApi at_once("bag_record", "d0", kDir, 0), later("bag_record", "d1", kDir, 1);
-  at_once.SetNotifyCallback([&](const std::string& notice) { log.Add("d0", notice); });
-  later.SetNotifyCallback([&](const std::string& notice) { log.Add("d1", notice); });
+  at_once.SetNotifyCallback([&](const std::string& notice) { Note(&log, "d0", notice); });
+  later.SetNotifyCallback([&](const std::string& notice) { Note(&log, "d1", notice); });
   TriggerSender firer(Quick(0));
   const long now = WallClockMs();
   const std::map<std::string, long> offsets = {{"due_b", 300}, {"due_a", 0}, {"due_c", 300}, {"due_past", -500}};
@@ -118,13 +107,14 @@ TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
   EXPECT_EQ(by_node["d1"].due_ms, sender.time_ms() + 1000);
   EXPECT_TRUE(by_node["d1"].answered);
   std::vector<std::string> order;
-  ASSERT_EQ(log.With("due_", 8).size(), 8u);
-  for (const auto& e : log.With("due_")) {
+  ASSERT_EQ(With(&log, "due_", 8).size(), 8u);
+  for (const std::string& e : With(&log, "due_")) {
     TriggerNotice notice;
-    ASSERT_TRUE(TriggerNotice::Parse(e.first.substr(3), &notice));
+    const size_t bar = e.rfind('|');
+    ASSERT_TRUE(TriggerNotice::Parse(e.substr(3, bar - 3), &notice));
     EXPECT_EQ(notice.time_ms, now + offsets.at(notice.label));
-    EXPECT_GE(e.second, notice.time_ms + (e.first[1] == '1' ? 1000 : 0)) << e.first;
-    if (e.first[1] == '1') order.push_back(notice.label);
+    EXPECT_GE(std::stol(e.substr(bar + 1)), notice.time_ms + (e[1] == '1' ? 1000 : 0)) << e;
+    if (e[1] == '1') order.push_back(notice.label);
   }
   EXPECT_THAT(order, testing::ElementsAre("due_past", "due_a", "due_b", "due_c"));
 }
@@ -132,10 +122,10 @@ TEST(TriggerRecordNodeApiTest, NoticesComeWhenDueInTheOrderTheyFallDue) {
 // Refused: the future, floods, what the owner's check rejects, unsigned ones with a key; repeats answered;
 // a throwing callback saves nothing (not the last notice's file) and later notices still come.
 TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAndWhatItsOwnerWillNotTake) {
-  NoticeLog log;
+  testing_support::ReportLog log;
   TriggerRecordNodeApi node("bag_record", "guarded", kDir, 0);
   node.SetNotifyCallback([&](const std::string& notice) {
-    log.Add("guarded", notice);
+    Note(&log, "guarded", notice);
     if (notice.find("throws") != std::string::npos) throw std::runtime_error("disk on fire");
     if (notice.find("saves") != std::string::npos) return node.ReportSaved(notice, "/rec/ok.kelobag");
     node.ReportSaved(notice, "", "nothing for " + notice);
@@ -159,7 +149,7 @@ TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAnd
   EXPECT_EQ(twice, refusal(&sender, "twice", soon));
   retry.join();
   EXPECT_EQ(twice, refusal(&sender, "twice", soon));
-  EXPECT_EQ(1u, log.With("twice").size());
+  EXPECT_EQ(1u, With(&log, "twice").size());
   for (const char* label : {"saves", "throws"}) {
     const std::vector<TriggerSender::NodeResult> r = sender.Send(label, now - 4000, kWaitMs);
     ASSERT_EQ(r.size(), 1u);
@@ -171,8 +161,8 @@ TEST(TriggerRecordNodeApiTest, RefusesTriggersFromTheFutureFloodsUnsignedOnesAnd
   TriggerSender flood(Quick(0)), other(Quick(0));
   for (int i = 0; i < 40; ++i) flood.Send("flood", now - 100 - i, 0);
   other.Send("after", now - 50, 0);
-  ASSERT_EQ(log.With("after", 1).size(), 1u);
-  EXPECT_THAT(log.With("flood").size(), testing::AllOf(testing::Ge(10u), testing::Lt(20u)));
+  ASSERT_EQ(With(&log, "after", 1).size(), 1u);
+  EXPECT_THAT(With(&log, "flood").size(), testing::AllOf(testing::Ge(10u), testing::Lt(20u)));
   node.SetKey(TriggerKey("s3cret"));
   EXPECT_EQ("not signed with this node's trigger key|", refusal(&sender, "unsigned", now - 2000));
   TriggerSender::Options signing = Quick();
@@ -192,11 +182,9 @@ TEST(TriggerKeyTest, SignsWithHmacSha256) {
   EXPECT_EQ("93244b031118b806", hex(TriggerKey::Hmac(std::string(64, 'k'), "data"), 8));
   EXPECT_EQ("a79b53d0bf1cb4bb", hex(TriggerKey::Hmac(std::string(65, 'k'), "data"), 8));
   const TriggerKey key("k");
-  EXPECT_TRUE(key.Verify(5, "a", key.Sign(5, "a")));
-  EXPECT_FALSE(key.Verify(6, "a", key.Sign(5, "a")));
-  EXPECT_FALSE(key.Verify(5, "b", key.Sign(5, "a")));
-  EXPECT_FALSE(key.Verify(5, "a", ""));
-  EXPECT_FALSE(TriggerKey("other").Verify(5, "a", key.Sign(5, "a")));
+  const std::string mac = key.Sign(5, "a");
+  EXPECT_TRUE(key.Verify(5, "a", mac));
+  EXPECT_FALSE(key.Verify(6, "a", mac) || key.Verify(5, "b", mac) || TriggerKey("other").Verify(5, "a", mac));
   EXPECT_EQ("", TriggerKey().Sign(5, "a"));
 }
 
