@@ -44,11 +44,9 @@ inline void CpuRelax() {
 // the embedding tool's thread, so it is put back as it was.
 class TightTimerSlack {
  public:
-  TightTimerSlack() : previous_(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0)) {
-    if (previous_ > 1) prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
-  }
+  TightTimerSlack() : previous_(prctl(PR_GET_TIMERSLACK)) { prctl(PR_SET_TIMERSLACK, 1UL); }
   ~TightTimerSlack() {
-    if (previous_ > 1) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(previous_), 0, 0, 0);
+    if (previous_ > 0) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(previous_));
   }
 
   TightTimerSlack(const TightTimerSlack&) = delete;

@@ -47,6 +47,14 @@ std::string ErrnoText(int err) {
 
 bool IsNoSpace(int err) { return err == ENOSPC || err == EDQUOT; }
 
+// Cuts the file back to `size` after a failed write, or gives back room set aside past
+// it. A failure is not reported: the reader stops at a partial record, and room that stays
+// taken harms nothing the file holds.
+void CutBack(int fd, uint64_t size) {
+  const int ignored = ::ftruncate(fd, static_cast<off_t>(size));
+  (void)ignored;
+}
+
 // What a schema and a channel record of `c` take in a file.
 uint64_t DeclaredBytes(const BagChannel& c) {
   return 2 * mcap::kPrefixSize + 2 + 3 * 4 + c.type.size() + 2 + 2 + 3 * 4 + c.topic.size() +
@@ -607,9 +615,7 @@ int BagFileWriter::WriteChunk(Chunk* chunk, bool hurry) {
   if (!WriteAt(iov, 3, total)) {
     const int err = errno;
     // Cut back to the last complete record, so the file stays readable up to there.
-    if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
-      // Nothing more can be done; the reader stops at the partial record.
-    }
+    CutBack(file_.fd, file_.offset);
     IoFailed("cannot write " + file_.active_path, err);
     return err;
   }
@@ -728,9 +734,7 @@ std::string BagFileWriter::Finish() {
   };
   if (!WriteAt(&iov, 1, tail.size())) {
     int err = errno;
-    if (::ftruncate(file_.fd, static_cast<off_t>(file_.offset)) != 0) {
-      // The reader stops at the partial record; nothing better is possible here.
-    }
+    CutBack(file_.fd, file_.offset);
     ledger_->ReturnUnfiled(losses);
     IoFailed("cannot complete " + file_.active_path + " (it stays readable as unfinished)", err);
     ::close(file_.fd);
@@ -738,9 +742,7 @@ std::string BagFileWriter::Finish() {
     return "";
   }
   // Space set aside past the end is given back.
-  if (reserved_ && ::ftruncate(file_.fd, static_cast<off_t>(file_.offset + tail.size())) != 0) {
-    // Only the space stays taken; the file is whole.
-  }
+  if (reserved_) CutBack(file_.fd, file_.offset + tail.size());
   if (::fsync(file_.fd) != 0) {
     ledger_->ReturnUnfiled(losses);
     IoFailed("cannot sync " + file_.active_path + " (it stays unfinished)", errno);

@@ -170,7 +170,7 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
   void ReportSaved(const std::string& notice, const std::string& file, const std::string& why) {
     const std::string absolute = Absolute(file);
     std::lock_guard<std::mutex> lock(mu_);
-    if (in_notice_ && notice == current_notice_) {
+    if (notice == current_notice_) {
       reported_file_ = absolute;
       reported_why_ = why;
     }
@@ -252,7 +252,6 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
       Pending p = std::move(pending_.begin()->second);
       pending_.erase(pending_.begin());
       for (const std::string& sender : p.senders) --senders_[sender].pending;
-      in_notice_ = true;
       current_notice_ = p.notice;
       reported_file_.clear();
       reported_why_.clear();
@@ -261,7 +260,6 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
       Notify(callback, p.notice);
       callback = nullptr;  // whatever it holds is released outside the lock
       lock.lock();
-      in_notice_ = false;
       const std::string file = reported_file_;
       const std::string why = reported_why_;
       done_[p.notice] = Done{p.due_ms, file, why, std::chrono::steady_clock::now() + kRememberDone};
@@ -310,7 +308,8 @@ class TriggerRecordNodeApi::Node : public TriggerNodeRegistry::Listener {
   TriggerKey key_;
   std::function<std::string(long)> check_;
   std::function<void(const std::string&)> callback_;
-  bool in_notice_ = false;
+  // The notice last given to the callback. A report for it that comes after the callback
+  // returned changes nothing: the next notice clears what was reported.
   std::string current_notice_;
   std::string reported_file_;
   std::string reported_why_;

@@ -119,9 +119,7 @@ bool MemoryStream::ReadFixed(size_t width, uint64_t* value) {
 }
 
 void MemoryStream::WriteFixed(size_t width, uint64_t value) {
-  char bytes[8];
-  for (size_t i = 0; i < width; ++i) bytes[i] = static_cast<char>((value >> (8 * i)) & 0xff);
-  buffer_.append(bytes, width);
+  for (size_t i = 0; i < width; ++i) buffer_.push_back(static_cast<char>(value >> (8 * i)));
 }
 
 }  // namespace kelo

@@ -113,11 +113,10 @@ void UdpCastServer::Run() {
     }
     pollfd fds[3] = {
         {group_socket_->fd(), POLLIN, 0}, {endpoint_socket_->fd(), POLLIN, 0}, {wake_fd_, POLLIN, 0}};
-    const int ready = poll(fds, 3, kIdleSweepMs);
-    if (ready > 0) {
-      if (fds[0].revents & POLLIN) Drain(*group_socket_);
-      if (fds[1].revents & POLLIN) Drain(*endpoint_socket_);
-    }
+    // A timeout or an interrupted poll leaves every revents at 0.
+    poll(fds, 3, kIdleSweepMs);
+    if (fds[0].revents & POLLIN) Drain(*group_socket_);
+    if (fds[1].revents & POLLIN) Drain(*endpoint_socket_);
     std::lock_guard<std::mutex> hold(mu_);
     reassembler_->Expire(NowMs());
   }

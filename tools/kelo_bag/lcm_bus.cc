@@ -1,13 +1,12 @@
 #include "tools/kelo_bag/lcm_bus.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -51,17 +50,12 @@ int UdpmPort(const std::string& url) {
 
 std::set<unsigned long> OwnSocketInodes() {
   std::set<unsigned long> inodes;
-  DIR* fds = opendir("/proc/self/fd");
-  if (fds == nullptr) return inodes;
-  while (const dirent* entry = readdir(fds)) {
-    char link[64];
-    const ssize_t n = readlinkat(dirfd(fds), entry->d_name, link, sizeof(link) - 1);
-    if (n <= 0) continue;
-    link[n] = '\0';
+  std::error_code error;
+  for (std::filesystem::directory_iterator fd("/proc/self/fd", error), end; fd != end; fd.increment(error)) {
+    const std::string link = std::filesystem::read_symlink(fd->path(), error).string();
     unsigned long inode = 0;
-    if (std::sscanf(link, "socket:[%lu]", &inode) == 1) inodes.insert(inode);
+    if (std::sscanf(link.c_str(), "socket:[%lu]", &inode) == 1) inodes.insert(inode);
   }
-  closedir(fds);
   return inodes;
 }
 
