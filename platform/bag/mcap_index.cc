@@ -438,10 +438,15 @@ void LoadByScanning(const RandomAccessFile& file, ChunkDecompressor* decompresso
     counting = false;
   };
   // Whether a record may begin at `at`: the end of the file, a prefix cut short, or a
-  // known opcode. A record whose successor fails this has a length that cannot be trusted.
+  // known opcode, with the fixed length of the records that end the data. A record whose
+  // successor fails this has a length that cannot be trusted; were a stray byte taken for
+  // the end, every chunk after it would be dropped unsaid.
   auto framed = [&](uint64_t at) {
-    const char* p = size - at < kPrefixSize ? nullptr : in.Get(at, 1);
-    return p == nullptr || KnownOpcode(static_cast<uint8_t>(p[0]));
+    const char* p = size - at < kPrefixSize ? nullptr : in.Get(at, kPrefixSize);
+    if (p == nullptr) return true;
+    const uint8_t op = static_cast<uint8_t>(p[0]);
+    const uint64_t len = LoadU64(p + 1);
+    return KnownOpcode(op) && (op != kOpDataEnd || len == 4) && (op != kOpFooter || len == 20);
   };
   // Leaves the bytes from `pos` on as unreadable and goes on at the next record that reads.
   auto skip_damage = [&](const std::string& what) {

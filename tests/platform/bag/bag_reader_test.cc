@@ -111,6 +111,18 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
     EXPECT_EQ(bag.messages.size(), reader.count()) << field;
     EXPECT_THAT(reader.get_error(), testing::HasSubstr("chunk index points outside the data")) << field;
   }
+  // The last of a chunk's two message indexes one byte longer than the indexes: not trusted, and the
+  // scan that reads the file instead must not take the next chunk's length byte for the file's end.
+  std::string overrun = unchecked, longer;
+  const size_t first_index = Find(overrun, mcap::kOpMessageIndex);
+  const size_t last_index = first_index + mcap::kPrefixSize + mcap::LoadU64(&overrun[first_index + 1]);
+  const uint64_t length = mcap::LoadU64(&overrun[last_index + 1]);
+  mcap::PutU64(&longer, length + 1);
+  WriteFile(dir.file("overrun.kelobag"), overrun.replace(last_index + 1, 8, longer));
+  EXPECT_THAT(BagReader(dir.file("overrun.kelobag")).get_error(),
+              testing::EndsWith(": kept 200 messages; " + std::to_string(mcap::kPrefixSize + length) +
+                                " bytes could not be read (first: broken record length at byte " +
+                                std::to_string(last_index) + ")"));
   // A message index entry that points at another record of its chunk: the chunk is left out, the rest read.
   std::string moved = unchecked, offset;
   const size_t entry = Find(moved, mcap::kOpMessageIndex) + mcap::kPrefixSize + 2 + 4 + 8;  // the first one's offset
