@@ -360,6 +360,7 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
   // (LCM's own threads, interrupted by the same signals, may add a line of theirs after it.)
   EXPECT_THAT(forced.Stderr(), HasSubstr("\nstopped at once: files being written stay .active (readable up to "
                                          "their last chunk)\n"));
+  EXPECT_EQ(forced.Stderr().find('\0'), std::string::npos);  // nothing written past the text
   EXPECT_THAT(KeloBag(dir, {"record", "-a", "-o", "/proc/no/"}), ExitsSaying(1, "; nothing recorded"));
   setenv("LCM_DEFAULT_URL", "nosuch://", 1);  // a default bus that cannot be opened: no fault of the command line
   for (const std::vector<std::string>& args : {std::vector<std::string>{"record", "-a"}, {"play", "--publish", "a.kelobag"}})

@@ -37,7 +37,7 @@ TEST(FilePathTest, IsNormalOnlyForAUsableFileName) {
        {std::string(), std::string("rec/"), std::string("/"), std::string("rec/.."), std::string("ba\0g", 4),
         std::string(256, 'a'), std::string(256, 'd') + "/bag", std::string(5000, '/') + "bag"})
     EXPECT_FALSE(fileio::FilePath(bad).IsNormal()) << bad.substr(0, 20);
-  EXPECT_TRUE(fileio::DirectoryPath(".").IsNormal());
+  EXPECT_TRUE(fileio::DirectoryPath(".").IsNormal() && fileio::DirectoryPath("//").IsNormal());
   EXPECT_FALSE(fileio::DirectoryPath("").IsNormal());
 }
 

@@ -15,7 +15,8 @@ using Result = ToolsOptions::ParseResult;
 // A tool with one option of every kind, counting its loads.
 class DemoOptions : public ToolsOptions {
  public:
-  DemoOptions() : ToolsOptions("demo", "demo tool", "file(s)", OptionInfo::kList) {}
+  explicit DemoOptions(OptionInfo::Type positional = OptionInfo::kList)
+      : ToolsOptions("demo", "demo tool", "file(s)", positional) {}
   void register_opts() override {
     register_opt("name", "the name", "text", OptionInfo::kString);
     register_opt("count", "how many", "number", OptionInfo::kInt);
@@ -75,6 +76,9 @@ TEST(ToolsOptionsTest, NamesAliasesListsAndPositionalsFillTheValues) {
   EXPECT_EQ(opt.get_int("count", -7), -7);
   EXPECT_FALSE(opt.get_bool("verbose"));
   EXPECT_TRUE(opt.get_list("demo").empty());
+  DemoOptions numbered(OptionInfo::kInt);  // a positional argument that is a number, and nothing else
+  EXPECT_EQ(Parse(&numbered, {"12x"}), Result::kFailed);
+  EXPECT_TRUE(Parse(&numbered, {"12"}) == Result::kLoaded && numbered.get_int("demo", 0) == 12);
 }
 
 // Catches bad options or integers accepted, values loaded anyway, and multi-line errors.
