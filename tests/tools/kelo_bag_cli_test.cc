@@ -153,6 +153,8 @@ TEST(KeloBagCliTest, InfoDescribesEachBagAndAllTogetherAndGoesOnPastAnUnreadable
            {"merged.end_ms", "1700000004000"}, {"merged.files", "2"}, {"merged.topics[3].type", "v2"},
            {"merged.topics[3].messages", "2"}, {"merged.compression", "none"}})
     EXPECT_EQ(want, Json::Path(path).resolve(root).asString()) << path;
+  // /c of type v1 once in each bag, at 3 s in the one given first and at 0 s in the other.
+  EXPECT_NEAR(1 / 3.0, root["merged"]["topics"][2]["frequency_hz"].asDouble(), 1e-9);
 }
 
 // Damage is named with what could not be read, and makes info and play exit with 3; a file
@@ -338,9 +340,10 @@ TEST(KeloBagCliTest, RecordStopsWhenTheBusFailsAndKeepsWhatItIsAskedFor) {
     command.insert(command.end(), args.begin(), args.end());
     EXPECT_THAT(KeloBag(dir, command).out, HasSubstr(received)) << args[1];
   }
-  // Each file says how it was recorded.
+  // Each file says how it was recorded, its messages at the times the bus received them: now, to a day.
   EXPECT_THAT(KeloBag(dir, {"info", dir.file("one.kelobag")}).out,
               testing::AllOf(HasSubstr("command:     kelo_bag record --url 'file://"),
+                             ContainsRegex("start: .* \\(" + std::to_string(time(nullptr) / 100000) + "[0-9]{8} ms\\)"),
                              HasSubstr("\nbus:         " + at_once + "\n"), HasSubstr("\nmode:        plain\n")));
 
   const RunResult parts =

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 
 #include "platform/bag/bag_writer.h"
@@ -136,11 +137,18 @@ TEST(BagReaderTest, AZeroOpcodeOrAChunkIndexPointingOutsideTheDataIsNotTrusted) 
   std::string orphan = bag.bytes.substr(0, Find(bag.bytes, mcap::kOpDataEnd));
   const size_t in_chunk = Find(orphan, mcap::kOpChunk);
   std::fill_n(&orphan[in_chunk + mcap::kPrefixSize + 24], 4, '\0');
-  orphan.replace(Find(orphan, mcap::kOpMessage, in_chunk + mcap::kPrefixSize + 40) + mcap::kPrefixSize, 2, "ww");
-  WriteFile(dir.file("orphan.kelobag.active"), orphan);
-  EXPECT_THAT(BagReader(dir.file("orphan.kelobag.active")).get_error(),
+  const size_t first = Find(orphan, mcap::kOpMessage, in_chunk + mcap::kPrefixSize + 40);
+  std::string last_ms;  // and the next one in the last millisecond a time can name (another writer's)
+  mcap::PutU64(&last_ms, std::numeric_limits<uint64_t>::max() - 1);
+  const size_t next = Find(orphan, mcap::kOpMessage, first + mcap::kPrefixSize + mcap::LoadU64(&orphan[first + 1]));
+  orphan.replace(next + mcap::kPrefixSize + 6, 8, last_ms);
+  WriteFile(dir.file("orphan.kelobag.active"), orphan.replace(first + mcap::kPrefixSize, 2, "ww"));
+  BagReader orphaned(dir.file("orphan.kelobag.active"));
+  EXPECT_THAT(orphaned.get_error(),
               testing::EndsWith(": recovered damaged bag: kept 199 messages; 1 messages could not be read (first: "
                                 "message on undeclared channel 30583 at byte " + std::to_string(in_chunk) + ")"));
+  orphaned.seek_time(orphaned.end_time());  // seeking to its time finds it
+  EXPECT_FALSE(orphaned.eof());
   // An empty record of a kind we do not know (another writer's) closing a chunk is sound.
   std::string bytes = bag.bytes.substr(0, Find(bag.bytes, mcap::kOpDataEnd));
   const size_t chunk = Find(bytes, mcap::kOpChunk), body = chunk + mcap::kPrefixSize;
