@@ -1,7 +1,5 @@
 #include "tools/kelo_bag/lcm_bus.h"
 
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
